@@ -1,0 +1,168 @@
+#include <Kel/Entity.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <vector>
+
+namespace Kel {
+
+namespace detail {
+bool threadSafePointers = false;
+} // namespace detail
+
+void VFPtrInterface::enableThreadSafePointers() { detail::threadSafePointers = true; }
+
+void * PtrInterface::operator new(size_t n) { return ::operator new(n); }
+void PtrInterface::operator delete(void * p) noexcept { ::operator delete(p); }
+
+void PtrInterface::kelLastReferenceGone() {
+   // A large count while dying, so that references taken and dropped by
+   // zero-reference handlers cannot bring it to zero a second time.
+   refs_ = 1u << 30;
+   zeroReferencesIs(true);
+   delete this;
+}
+
+// --- ReactorList ---------------------------------------------------------------
+
+void ReactorList::bind(Entity *, void * r, bool registered) {
+   if (nbound_ == cap_) {
+      uint32_t cap = cap_ ? cap_ * 2 : 2;
+      void ** d = static_cast<void **>(::operator new(cap * sizeof(void *)));
+      if (nbound_) std::memcpy(d, data_, nbound_ * sizeof(void *));
+      ::operator delete(data_);
+      data_ = d;
+      cap_ = cap;
+   }
+   data_[nbound_++] = r;
+   if (registered) setRegistered(r, true);
+}
+
+void ReactorList::unbind(void * r) {
+   setRegistered(r, false);
+   for (uint32_t i = nreg_; i < nbound_; ++i) {
+      if (data_[i] == r) {
+         std::memmove(&data_[i], &data_[i + 1], (nbound_ - i - 1) * sizeof(void *));
+         --nbound_;
+         break;
+      }
+   }
+   if (nbound_ == 0) {
+      ::operator delete(data_);
+      data_ = nullptr;
+      cap_ = 0;
+   }
+}
+
+// Moves `r` to the end of the registered prefix, or just past it, keeping
+// the relative order of every other reactor.
+void ReactorList::setRegistered(void * r, bool registered) {
+   uint32_t i = 0;
+   while (i < nbound_ && data_[i] != r) ++i;
+   if (i == nbound_) return;
+   bool is = i < nreg_;
+   if (is == registered) return;
+   if (registered) {
+      std::memmove(&data_[nreg_ + 1], &data_[nreg_], (i - nreg_) * sizeof(void *));
+      data_[nreg_] = r;
+      ++nreg_;
+   } else {
+      std::memmove(&data_[i], &data_[i + 1], (nreg_ - i - 1) * sizeof(void *));
+      data_[nreg_ - 1] = r;
+      --nreg_;
+   }
+}
+
+// --- SnapshotIterator ---------------------------------------------------------------
+
+namespace {
+uint64_t heapSnapshotCount = 0;
+}
+
+uint64_t SnapshotIterator::heapSnapshots() { return heapSnapshotCount; }
+
+SnapshotIterator::SnapshotIterator(ReactorList const & l) : n_(l.registered()) {
+   if (n_ <= inlineCapacity) {
+      data_ = inline_;
+   } else {
+      data_ = new PtrInterface::NotifieeConst *[n_];
+      ++heapSnapshotCount;
+   }
+   for (uint32_t i = 0; i < n_; ++i) {
+      data_[i] = l[i];
+      data_[i]->referencesInc();
+   }
+}
+
+SnapshotIterator::~SnapshotIterator() {
+   // Entries not yet handed out (only after an exception escaped).
+   for (uint32_t i = 0; i < n_; ++i) {
+      if (data_[i]) data_[i]->referencesDec();
+   }
+   if (data_ != inline_) delete[] data_;
+}
+
+// --- Entity ----------------------------------------------------------------------
+
+Entity::~Entity() {
+   // Unbind whoever is still bound, so no reactor keeps a dangling notifier.
+   while (reactors_.bound()) {
+      auto * r = static_cast<Entity::NotifieeConst *>(reactors_.data_[0]);
+      reactors_.unbind(r);
+      r->notifier_ = nullptr;
+   }
+}
+
+void Entity::zeroReferencesIs(bool z) {
+   if (!z || !reactors_.bound()) return;
+   std::vector<Kel::Ptr<Entity::NotifieeConst>> bound;
+   for (uint32_t i = 0; i < reactors_.bound(); ++i) {
+      bound.emplace_back(static_cast<Entity::NotifieeConst *>(reactors_.data_[i]));
+   }
+   for (auto & r : bound) {
+      if (r->references() == 1) continue;  // released meanwhile
+      try {
+         r->onZeroReferences();
+      } catch (...) {
+      }
+   }
+}
+
+String8 Entity::fullName() const {
+   if (!parent_) return name_;
+   String8 p = parent_->fullName();
+   if (p.empty() || p.view().back() != '/') p += '/';
+   p += name_;
+   return p;
+}
+
+void Entity::kelDeliverException(PtrInterface::NotifieeConst * r, AttributeId id) {
+   try {
+      r->onNotificationException(id);
+   } catch (...) {
+      // A reactor that cannot handle its own failure does not get to stop
+      // the notification of the others.
+   }
+}
+
+// --- reactors ----------------------------------------------------------------------
+
+Entity::NotifieeConst::~NotifieeConst() {
+   if (notifier_) notifier_->reactors_.unbind(this);
+}
+
+void Entity::NotifieeConst::kelNotifierIs(Entity const * e) {
+   Entity * ne = const_cast<Entity *>(e);
+   if (ne == notifier_) return;
+   if (notifier_) notifier_->reactors_.unbind(this);
+   notifier_ = ne;
+   if (notifier_) notifier_->reactors_.bind(notifier_, this, wantRegistered_);
+}
+
+void Entity::NotifieeConst::isRegisteredNotifieeIs(bool b) {
+   wantRegistered_ = b;
+   if (notifier_) notifier_->reactors_.setRegistered(this, b);
+}
+
+} // namespace Kel

@@ -1,0 +1,444 @@
+// The entity pattern, written once.
+//
+// An entity type lists its attributes in one macro table, in attribute
+// identifier order, one row per attribute:
+//
+//    #define KEL_ATTRS_IntfConfig(X)
+//       X(Ctor,    intfId, IntfId, Zenet::IntfId)
+//       X(Ptr,     defaultConfig, DefaultConfig, IntfConfig const, Nullable)
+//       X(Scalar,  description, Description, Kel::String8, {})
+//       X(Derived, prettyName, PrettyName, Kel::String8)
+//       X(Coll,    requestor, Requestor, Kel::HashMap, Kel::String8, bool)
+//       ...
+//
+//    class IntfConfig : public Kel::Entity {
+//       KEL_ENTITY(IntfConfig, Kel::Entity, "Interface::IntfConfig", KEL_ATTRS_IntfConfig)
+//     public:
+//       explicit IntfConfig(Zenet::IntfId id);   // sets the Ctor rows
+//       ...hand-written behaviour...
+//    };
+//
+// Each row carries the attribute's name twice (lower and upper camel case),
+// since callbacks are named on + Name. KEL_ENTITY expands the table several
+// times: identifiers (consecutive from the base type's end, 258 for a direct
+// Kel::Entity), the reactor classes NotifieeConst and Notifiee with one
+// callback per notifying attribute, storage, accessors, virtual mutators,
+// and the attribute table the runtime walks. Every mutator body below is the
+// only copy of that logic in the library.
+//
+// Row kinds:
+//   Ctor      (name, Name, Type)                    identity, set by the constructor
+//   Scalar    (name, Name, Type, default)           xIs(v), onX()
+//   Ptr       (name, Name, Target, Nullable|NotNull) counted pointer, identity compare
+//   WriteOnce (name, Name, Target)                  xIs(p) then handleX(prev) guard
+//   Local     (name, Name, Target)                  process-local cache: const xIs, no notification
+//   Coll      (name, Name, MapT, Key, Value)         keyed values
+//   EntColl   (name, Name, MapT, Key, T, keyAttr)    entities inserted by the caller, keyed by their own keyAttr
+//   RefColl   (name, Name, MapT, Key, T)             entities referenced under a caller's key (not owned)
+//   InstColl  (name, Name, MapT, Key, T)             children constructed from the key (+ more ctor args)
+//   Derived   (name, Name, Type)                    hand-written accessor; identifier and table entry only
+//   Const     (name, Name, Type, value)             constant accessor
+//   Hook      (name, Name)                          an operation listed among the attributes
+#pragma once
+
+#include <Kel/Entity.h>
+#include <Kel/HashMap.h>
+#include <Kel/Value.h>
+
+#include <tuple>
+
+namespace Kel {
+
+enum class AttrKind : uint8_t {
+   Ctor, Scalar, Ptr, WriteOnce, Local, Coll, EntColl, RefColl, InstColl, Derived, Const, Hook
+};
+
+struct AttrInfo {
+   const char * name;
+   AttributeId id;
+   AttrKind kind;
+};
+
+template <template <class, class, class> class MapT, class K, class V>
+struct MemberBaseOf;
+template <class K, class V>
+struct MemberBaseOf<HashMap, K, V> { using type = HashMapMember<K, V>; };
+template <class K, class V>
+struct MemberBaseOf<RbTreeMap, K, V> { using type = RbTreeMapMember<K, V>; };
+template <template <class, class, class> class MapT, class K, class V>
+using MemberBase = typename MemberBaseOf<MapT, K, V>::type;
+
+// No-op rule: store only a different value. Entity pointers compare by
+// identity, records by their operator==, doubles by == (NaN always differs).
+template <class F, class V>
+inline bool setField(F & field, V const & v) {
+   if (field == v) return false;
+   field = v;
+   return true;
+}
+
+// Inserts or changes a keyed value; false when the key already held `v`.
+template <class MapT, class K, class V>
+bool collSet(MapT & m, K const & k, V const & v) {
+   if (auto * mem = m.find(k)) {
+      if (mem->value == v) return false;
+      mem->value = v;
+      return true;
+   }
+   m.insert(k, v);
+   return true;
+}
+
+// "null _x parameter to mutator for Q::x not allowed"" (the closing quote
+// is part of the text).
+[[noreturn]] void throwNullParameter(const char * attr, const char * qualifiedType);
+
+// The write-once guard: clearing is undone, a first set or a rewrite of
+// the same entity is accepted, anything else is reported (and stays stored).
+template <class P>
+void writeOnceGuard(P & field, P const & prev, const char * qualifiedAttr) {
+   if (!field) {
+      if (prev) field = prev;
+      return;
+   }
+   if (!prev || prev == field) return;
+   throwInternalException(String8(qualifiedAttr) +
+                              " is a write-once variable. Illegal attempt to change it after "
+                              "it has already been set ",
+                          Exception::IdBitArray().add(Exception::writeOnceId));
+}
+
+// Instantiating collections: a second instantiation under the same key
+// must repeat the constructor parameters after the key.
+[[noreturn]] void throwReinstantiate(String8 const & child, const char * attr,
+                                     String8 const & newValue, String8 const & curValue);
+
+template <class T, class... A>
+void checkReinstantiate(T const & child, A const &... args) {
+   constexpr auto ctor = T::kelCtorFields();
+   static_assert(sizeof...(A) + 1 <= std::tuple_size_v<decltype(ctor)>,
+                 "more constructor arguments than constructor parameters");
+   auto given = std::forward_as_tuple(args...);
+   [&]<size_t... I>(std::index_sequence<I...>) {
+      (([&] {
+          auto const & f = std::get<I + 1>(ctor);
+          auto const & cur = child.*(f.member);
+          auto const & nv = std::get<I>(given);
+          if (!(cur == nv)) {
+             throwReinstantiate(child.name(), f.name, valueToStrep(nv), valueToStrep(cur));
+          }
+       }()),
+       ...);
+   }(std::index_sequence_for<A...>{});
+}
+
+} // namespace Kel
+
+// ---- identifiers ------------------------------------------------------------------------
+#define KEL_EA_ID_(kind, name, ...) kelId_##name,
+
+// ---- attribute table --------------------------------------------------------------------
+#define KEL_EA_INFO_(kind, name, ...) ::Kel::AttrInfo{#name, kelId_##name, ::Kel::AttrKind::kind},
+
+// ---- constructor-parameter descriptors (instantiating collections compare them) ------------
+#define KEL_EA_CTORF_Ctor(name, Name, Type) \
+   , std::make_tuple(::Kel::FieldDesc<KelSelf, Type const>{#name, &KelSelf::name##_})
+#define KEL_EA_CTORF_(kind, name, ...) KEL_EA_CTORF_IF_##kind(name, __VA_ARGS__)
+#define KEL_EA_CTORF_IF_Ctor(name, ...) KEL_EA_CTORF_Ctor(name, __VA_ARGS__)
+#define KEL_EA_CTORF_IF_Scalar(...)
+#define KEL_EA_CTORF_IF_Ptr(...)
+#define KEL_EA_CTORF_IF_WriteOnce(...)
+#define KEL_EA_CTORF_IF_Local(...)
+#define KEL_EA_CTORF_IF_Coll(...)
+#define KEL_EA_CTORF_IF_EntColl(...)
+#define KEL_EA_CTORF_IF_RefColl(...)
+#define KEL_EA_CTORF_IF_InstColl(...)
+#define KEL_EA_CTORF_IF_Derived(...)
+#define KEL_EA_CTORF_IF_Const(...)
+#define KEL_EA_CTORF_IF_Hook(...)
+
+// ---- reactor callbacks ----------------------------------------------------------------------
+#define KEL_EA_CB_(kind, name, Name, ...) KEL_EA_CB_##kind(Name, __VA_ARGS__)
+#define KEL_EA_CB_Ctor(Name, ...)
+#define KEL_EA_CB_Scalar(Name, ...) virtual void on##Name() {}
+#define KEL_EA_CB_Ptr(Name, ...) virtual void on##Name() {}
+#define KEL_EA_CB_WriteOnce(Name, ...) virtual void on##Name() {}
+#define KEL_EA_CB_Local(Name, ...)
+#define KEL_EA_CB_Coll(Name, MapT, Key, ...) virtual void on##Name(Key) {}
+#define KEL_EA_CB_EntColl(Name, MapT, Key, ...) virtual void on##Name(Key) {}
+#define KEL_EA_CB_RefColl(Name, MapT, Key, ...) virtual void on##Name(Key) {}
+#define KEL_EA_CB_InstColl(Name, MapT, Key, ...) virtual void on##Name(Key) {}
+#define KEL_EA_CB_Derived(Name, ...)
+#define KEL_EA_CB_Const(Name, ...)
+#define KEL_EA_CB_Hook(Name, ...)
+
+// ---- clearing the back pointers of owned children when the owner goes ---------------------
+#define KEL_EA_DETACH_(kind, name, ...) KEL_EA_DETACH_##kind(name)
+#define KEL_EA_DETACH_OWNED_(name) \
+   for (auto * m = name##_.first(); m; m = name##_.next(m)) kelDetach(m->value);
+#define KEL_EA_DETACH_EntColl(name) KEL_EA_DETACH_OWNED_(name)
+#define KEL_EA_DETACH_InstColl(name) KEL_EA_DETACH_OWNED_(name)
+#define KEL_EA_DETACH_Ctor(name)
+#define KEL_EA_DETACH_Scalar(name)
+#define KEL_EA_DETACH_Ptr(name)
+#define KEL_EA_DETACH_WriteOnce(name)
+#define KEL_EA_DETACH_Local(name)
+#define KEL_EA_DETACH_Coll(name)
+#define KEL_EA_DETACH_RefColl(name)
+#define KEL_EA_DETACH_Derived(name)
+#define KEL_EA_DETACH_Const(name)
+#define KEL_EA_DETACH_Hook(name)
+
+// ---- storage ------------------------------------------------------------------------------
+#define KEL_EA_STORE_(kind, name, Name, ...) KEL_EA_STORE_##kind(name, Name, __VA_ARGS__)
+#define KEL_EA_STORE_Ctor(name, Name, Type) Type const name##_;
+#define KEL_EA_STORE_Scalar(name, Name, Type, dflt) Type name##_ = dflt;
+#define KEL_EA_STORE_Ptr(name, Name, Target, nullable) ::Kel::Ptr<Target> name##_;
+#define KEL_EA_STORE_WriteOnce(name, Name, Target) ::Kel::Ptr<Target> name##_;
+#define KEL_EA_STORE_Local(name, Name, Target) mutable ::Kel::Ptr<Target> name##_;
+#define KEL_EA_STORE_Coll(name, Name, MapT, Key, Value) MapT<Kel##Name, Key, Value> name##_;
+#define KEL_EA_STORE_EntColl(name, Name, MapT, Key, T, keyAttr) \
+   MapT<Kel##Name, Key, ::Kel::Ptr<T>> name##_;
+#define KEL_EA_STORE_RefColl(name, Name, MapT, Key, T) MapT<Kel##Name, Key, ::Kel::Ptr<T>> name##_;
+#define KEL_EA_STORE_InstColl(name, Name, MapT, Key, T) MapT<Kel##Name, Key, ::Kel::Ptr<T>> name##_;
+#define KEL_EA_STORE_Derived(...)
+#define KEL_EA_STORE_Const(...)
+#define KEL_EA_STORE_Hook(...)
+
+// ---- member classes of collections -----------------------------------------------------------
+#define KEL_EA_MEMBER_(kind, name, Name, ...) KEL_EA_MEMBER_##kind(Name, __VA_ARGS__)
+#define KEL_EA_MEMBER_COLL_(Name, MapT, Key, Value)                                    \
+   struct Kel##Name : ::Kel::MemberBase<MapT, Key, Value> {                            \
+      using KelMemberBase = ::Kel::MemberBase<MapT, Key, Value>;                      \
+      using KelMemberBase::KelMemberBase;                                             \
+   };
+#define KEL_EA_MEMBER_Ctor(...)
+#define KEL_EA_MEMBER_Scalar(...)
+#define KEL_EA_MEMBER_Ptr(...)
+#define KEL_EA_MEMBER_WriteOnce(...)
+#define KEL_EA_MEMBER_Local(...)
+#define KEL_EA_MEMBER_Coll(Name, MapT, Key, Value) KEL_EA_MEMBER_COLL_(Name, MapT, Key, Value)
+#define KEL_EA_MEMBER_EntColl(Name, MapT, Key, T, keyAttr) \
+   KEL_EA_MEMBER_COLL_(Name, MapT, Key, ::Kel::Ptr<T>)
+#define KEL_EA_MEMBER_RefColl(Name, MapT, Key, T) KEL_EA_MEMBER_COLL_(Name, MapT, Key, ::Kel::Ptr<T>)
+#define KEL_EA_MEMBER_InstColl(Name, MapT, Key, T) KEL_EA_MEMBER_COLL_(Name, MapT, Key, ::Kel::Ptr<T>)
+#define KEL_EA_MEMBER_Derived(...)
+#define KEL_EA_MEMBER_Const(...)
+#define KEL_EA_MEMBER_Hook(...)
+
+// ---- accessors and mutators -----------------------------------------------------------------
+#define KEL_EA_NOTIFY_(Name, ...)                                                     \
+   if (kelHasReactors())                                                              \
+      this->template kelNotify<NotifieeConst, &NotifieeConst::on##Name>(__VA_ARGS__)
+
+#define KEL_EA_API_(kind, name, Name, ...) KEL_EA_API_##kind(name, Name, __VA_ARGS__)
+
+#define KEL_EA_API_Ctor(name, Name, Type) \
+   ::Kel::Ret<Type> name() const { return name##_; }
+
+#define KEL_EA_API_Scalar(name, Name, Type, dflt)                                     \
+   ::Kel::Ret<Type> name() const { return name##_; }                                  \
+   virtual void name##Is(Type const & v) {                                            \
+      if (!::Kel::setField(name##_, v)) return;                                       \
+      kelModified();                                                                  \
+      KEL_EA_NOTIFY_(Name, kelId_##name);                                             \
+   }
+
+#define KEL_EA_NULLCHECK_Nullable(name)
+#define KEL_EA_NULLCHECK_NotNull(name) \
+   if (!v) ::Kel::throwNullParameter("_" #name, kelTypeName);
+
+#define KEL_EA_API_Ptr(name, Name, Target, nullable)                                  \
+   ::Kel::Ptr<Target> name() const { return name##_; }                                \
+   virtual void name##Is(::Kel::Ptr<Target> const & v) {                              \
+      KEL_EA_NULLCHECK_##nullable(name)                                               \
+      if (!::Kel::setField(name##_, v)) return;                                       \
+      kelModified();                                                                  \
+      KEL_EA_NOTIFY_(Name, kelId_##name);                                             \
+   }
+
+#define KEL_EA_API_WriteOnce(name, Name, Target)                                      \
+   ::Kel::Ptr<Target> name() const { return name##_; }                                \
+   virtual void handle##Name(::Kel::Ptr<Target> const & prev) {                       \
+      ::Kel::writeOnceGuard(name##_, prev, kelQualifiedAttr(#name).charPtr());        \
+   }                                                                                  \
+   virtual void name##Is(::Kel::Ptr<Target> const & v) {                              \
+      if (name##_ == v) return;                                                       \
+      ::Kel::Ptr<Target> prev = name##_;                                              \
+      name##_ = v;                                                                    \
+      kelModified();                                                                  \
+      handle##Name(prev);                                                             \
+      KEL_EA_NOTIFY_(Name, kelId_##name);                                             \
+   }
+
+#define KEL_EA_API_Local(name, Name, Target)                                          \
+   ::Kel::Ptr<Target> name() const { return name##_; }                                \
+   virtual void name##Is(::Kel::Ptr<Target> const & v) const {                        \
+      if (!(name##_ == v)) name##_ = v;                                               \
+   }
+
+// The part every collection shares: look-up, iteration, delete, notify.
+#define KEL_EA_COLL_COMMON_(name, Name, MapT, Key, Value)                              \
+   using Name##Coll = MapT<Kel##Name, Key, Value>;                                      \
+   using Name##IteratorConst = typename Name##Coll::IteratorConst;                     \
+   using Name##Iterator = typename Name##Coll::Iterator;                               \
+   Name##IteratorConst name##IteratorConst() const { return name##_.begin(); }        \
+   Name##Iterator name##Iterator() { return name##_.begin(); }                        \
+   Name##IteratorConst name##IteratorConst(Key const & k) const {                     \
+      return name##_.iterator(k);                                                     \
+   }                                                                                  \
+   uint32_t name##Size() const { return name##_.size(); }                             \
+   virtual void name##Del(Key const & k) {                                            \
+      if (auto * m = name##_.find(k)) {                                               \
+         kelDetach(m->value);                                                         \
+         name##_.erase(m);                                                            \
+         kelModified();                                                               \
+         name##Notify(k);                                                             \
+      }                                                                               \
+   }                                                                                  \
+   virtual void name##Del(Name##Iterator & it) {                                      \
+      auto * m = it.member();                                                         \
+      if (!m || !m->inTable) return;                                                  \
+      Key k = m->key;                                                                 \
+      kelDetach(m->value);                                                            \
+      name##_.erase(m);                                                               \
+      kelModified();                                                                  \
+      name##Notify(k);                                                                \
+   }                                                                                  \
+   virtual void name##Notify(Key const & k) { KEL_EA_NOTIFY_(Name, kelId_##name, k); } \
+   void name##DelAll() {                                                              \
+      for (auto it = name##_.begin(); it; ++it) name##Del(it);                        \
+   }
+
+#define KEL_EA_API_Coll(name, Name, MapT, Key, Value)                                  \
+   Value name(Key const & k) const {                                                  \
+      auto * m = name##_.find(k);                                                     \
+      return m ? m->value : Value();                                                  \
+   }                                                                                  \
+   KEL_EA_COLL_COMMON_(name, Name, MapT, Key, Value)                                   \
+   virtual void name##Is(Key const & k, Value const & v) {                            \
+      if (!::Kel::collSet(name##_, k, v)) return;                                     \
+      kelModified();                                                                  \
+      name##Notify(k);                                                                \
+   }
+
+#define KEL_EA_ENTITY_LOOKUP_(name, Key, T)                                           \
+   ::Kel::Ptr<T> name(Key const & k) const {                                          \
+      auto * m = name##_.find(k);                                                     \
+      return m ? m->value : ::Kel::Ptr<T>();                                          \
+   }
+
+#define KEL_EA_API_EntColl(name, Name, MapT, Key, T, keyAttr)                          \
+   KEL_EA_ENTITY_LOOKUP_(name, Key, T)                                                \
+   /* Inserts or replaces without notifying; the member becomes a child. */           \
+   virtual void name##New(::Kel::Ptr<T> const & v) {                                  \
+      Key k = v->keyAttr();                                                           \
+      v->parentIs(this);                                                              \
+      if (auto * m = name##_.find(k)) {                                               \
+         kelDetach(m->value);                                                         \
+         m->value = v;                                                                \
+      } else {                                                                        \
+         name##_.insert(k, v);                                                        \
+      }                                                                               \
+   }                                                                                  \
+   KEL_EA_COLL_COMMON_(name, Name, MapT, Key, ::Kel::Ptr<T>)                           \
+   virtual void name##Is(::Kel::Ptr<T> const & v) {                                   \
+      if (!v) ::Kel::throwNullParameter("_" #name, kelTypeName);                      \
+      Key k = v->keyAttr();                                                           \
+      auto * m = name##_.find(k);                                                     \
+      if (m && m->value == v) return;                                                 \
+      name##New(v);                                                                   \
+      kelModified();                                                                  \
+      name##Notify(k);                                                                \
+   }
+
+#define KEL_EA_API_RefColl(name, Name, MapT, Key, T)                                   \
+   KEL_EA_ENTITY_LOOKUP_(name, Key, T)                                                \
+   KEL_EA_COLL_COMMON_(name, Name, MapT, Key, ::Kel::Ptr<T>)                           \
+   void name##Is(Key const & k, ::Kel::Ptr<T> const & v) {                            \
+      if (!v) ::Kel::throwNullParameter("_" #name, kelTypeName);                      \
+      if (!::Kel::collSet(name##_, k, v)) return;                                     \
+      kelModified();                                                                  \
+      name##Notify(k);                                                                \
+   }
+
+#define KEL_EA_API_InstColl(name, Name, MapT, Key, T)                                  \
+   KEL_EA_ENTITY_LOOKUP_(name, Key, T)                                                \
+   KEL_EA_COLL_COMMON_(name, Name, MapT, Key, ::Kel::Ptr<T>)                           \
+   /* Constructs the child from the key and further constructor arguments. */         \
+   template <class... A>                                                              \
+   ::Kel::Ptr<T> new##Name(Key const & k, A const &... a) {                           \
+      ::Kel::Ptr<T> v(new T(k, a...));                                                \
+      v->parentIs(this);                                                              \
+      name##_.insert(k, v);                                                           \
+      kelModified();                                                                  \
+      name##Notify(k);                                                                \
+      return v;                                                                       \
+   }                                                                                  \
+   /* Finds the child for the key or constructs it; a differing further */            \
+   /* constructor argument is refused. */                                             \
+   template <class... A>                                                              \
+   ::Kel::Ptr<T> name##Is(Key const & k, A const &... a) {                            \
+      if (auto * m = name##_.find(k)) {                                               \
+         ::Kel::checkReinstantiate(*m->value, a...);                                  \
+         return m->value;                                                             \
+      }                                                                               \
+      return new##Name(k, a...);                                                      \
+   }
+
+#define KEL_EA_API_Derived(...)
+#define KEL_EA_API_Const(name, Name, Type, value) \
+   static constexpr Type name() { return value; }
+#define KEL_EA_API_Hook(...)
+
+// ---- the pattern ------------------------------------------------------------------------------
+#define KEL_ENTITY(Type, Base, QualName, ATTRS)                                       \
+ public:                                                                              \
+   using KelSelf = Type;                                                              \
+   using KelBase = Base;                                                              \
+   using Ptr = ::Kel::Ptr<Type>;                                                      \
+   using PtrConst = ::Kel::Ptr<Type const>;                                           \
+   static constexpr const char * kelTypeName = QualName;                              \
+   static constexpr uint8_t kelDepth = Base::kelDepth + 1;                            \
+   enum : ::Kel::AttributeId {                                                        \
+      kelAttrBegin_ = Base::kelAttrEnd - 1,                                           \
+      ATTRS(KEL_EA_ID_) kelAttrEndMarker_                                             \
+   };                                                                                 \
+   static constexpr ::Kel::AttributeId kelAttrEnd = kelAttrEndMarker_;                \
+   /* This type's own attributes, in identifier order. */                              \
+   static constexpr ::Kel::AttrInfo kelAttrs[] = {                                    \
+       ATTRS(KEL_EA_INFO_)::Kel::AttrInfo{nullptr, 0, ::Kel::AttrKind::Hook}};        \
+   static constexpr uint32_t kelAttrCount = sizeof kelAttrs / sizeof kelAttrs[0] - 1;  \
+   static constexpr auto kelCtorFields() {                                            \
+      return std::tuple_cat(std::tuple<>() ATTRS(KEL_EA_CTORF_));                     \
+   }                                                                                  \
+   class NotifieeConst : public Base::NotifieeConst {                                 \
+    public:                                                                           \
+      using Ptr = ::Kel::Ptr<NotifieeConst>;                                          \
+      static constexpr uint8_t kelTypeDepth = Type::kelDepth;                         \
+      NotifieeConst() { this->kelDepthIs(kelTypeDepth); }                             \
+      ::Kel::Ptr<Type const> notifier() const {                                       \
+         return static_cast<Type const *>(this->kelNotifierRaw());                   \
+      }                                                                               \
+      void notifierIs(::Kel::Ptr<Type const> const & e) { this->kelNotifierIs(e.ptr()); } \
+      ATTRS(KEL_EA_CB_)                                                               \
+   };                                                                                 \
+   class Notifiee : public NotifieeConst {                                            \
+    public:                                                                           \
+      ::Kel::Ptr<Type> notifier() const {                                             \
+         return static_cast<Type *>(this->kelNotifierRaw());                         \
+      }                                                                               \
+      void notifierIs(::Kel::Ptr<Type> const & e) { this->kelNotifierIs(e.ptr()); }  \
+   };                                                                                 \
+   ATTRS(KEL_EA_MEMBER_)                                                              \
+   /* Children outlive nothing by accident: their back pointers are cleared. */       \
+   ~Type() override { ATTRS(KEL_EA_DETACH_) }                                         \
+                                                                                      \
+ private:                                                                             \
+   ATTRS(KEL_EA_STORE_)                                                               \
+   static ::Kel::String8 kelQualifiedAttr(const char * attr) {                        \
+      return ::Kel::String8(kelTypeName) + "." + attr;                                \
+   }                                                                                  \
+                                                                                      \
+ public:                                                                              \
+   ATTRS(KEL_EA_API_)

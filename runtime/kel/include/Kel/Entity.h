@@ -1,0 +1,208 @@
+// Entities and their reactors.
+//
+// An entity is a named, counted object with a parent, a 32-bit modification
+// count and a list of reactors. A reactor (NotifieeConst) is itself counted;
+// the entity's list holds plain pointers to it, so dropping the last outside
+// reference to a reactor unbinds it. Notification walks a snapshot of the
+// registered reactors holding one reference each, which is what makes
+// registering, unregistering and releasing reactors from inside a callback
+// safe.
+#pragma once
+
+#include <Kel/Exception.h>
+#include <Kel/Ptr.h>
+#include <Kel/String8.h>
+
+#include <cstdint>
+
+namespace Kel {
+
+using AttributeId = uint32_t;
+
+class Entity;
+
+// Reactor base for any counted notifier.
+class PtrInterface::NotifieeConst : public PtrInterface {
+ public:
+   // The notifier is going away: its count reached zero.
+   virtual void onZeroReferences() {}
+   // A callback of this reactor threw while attribute `id` was notified.
+   virtual void onNotificationException(AttributeId) {}
+};
+
+// The registered reactors of one entity. Bound reactors are kept in one
+// array with the registered ones first, in registration order.
+class ReactorList {
+ public:
+   ReactorList() = default;
+   ReactorList(ReactorList const &) = delete;
+   ReactorList & operator=(ReactorList const &) = delete;
+   ~ReactorList() { ::operator delete(data_); }
+
+   uint32_t registered() const { return nreg_; }
+   uint32_t bound() const { return nbound_; }
+   PtrInterface::NotifieeConst * operator[](uint32_t i) const;
+
+ private:
+   friend class Entity;
+   void bind(Entity * owner, void * r, bool registered);
+   void unbind(void * r);
+   void setRegistered(void * r, bool registered);
+
+   void ** data_ = nullptr;
+   uint16_t nreg_ = 0;
+   uint16_t nbound_ = 0;
+   uint32_t cap_ = 0;
+};
+
+// Strong references to the registered reactors at one instant.
+// Up to eight live on the stack: notification allocates nothing below that.
+class SnapshotIterator {
+ public:
+   static constexpr uint32_t inlineCapacity = 8;
+   explicit SnapshotIterator(ReactorList const & l);
+   ~SnapshotIterator();
+   SnapshotIterator(SnapshotIterator const &) = delete;
+   SnapshotIterator & operator=(SnapshotIterator const &) = delete;
+
+   uint32_t size() const { return n_; }
+   // Hands out entry i and forgets it: the caller releases it.
+   PtrInterface::NotifieeConst * take(uint32_t i) {
+      auto * r = data_[i];
+      data_[i] = nullptr;
+      return r;
+   }
+   // Heap snapshots made so far (for tests and benchmarks).
+   static uint64_t heapSnapshots();
+
+ private:
+   PtrInterface::NotifieeConst * inline_[inlineCapacity];
+   PtrInterface::NotifieeConst ** data_;
+   uint32_t n_;
+};
+
+class Entity : public PtrInterface {
+ public:
+   using Ptr = Kel::Ptr<Entity>;
+   using PtrConst = Kel::Ptr<Entity const>;
+   class NotifieeConst;
+   class Notifiee;
+
+   // Attribute identifiers of every type start here; the ones below are
+   // the runtime's own.
+   static constexpr AttributeId kelAttrEnd = 258;
+   static constexpr uint8_t kelDepth = 0;
+   static constexpr const char * kelTypeName = "Kel::Entity";
+
+   explicit Entity(Name name) : name_(std::move(name)) {}
+   Entity(Entity const &) = delete;
+   Entity & operator=(Entity const &) = delete;
+   ~Entity() override;
+
+   Name const & name() const { return name_; }
+   Kel::Ptr<Entity const> parent() const { return parent_; }
+   Kel::Ptr<Entity> parent() { return parent_; }
+   Entity * parentRaw() const { return parent_; }
+   // The parent is a plain back pointer: the parent owns the child through
+   // its collection, never the other way round.
+   void parentIs(Kel::Ptr<Entity> const & p) { parent_ = p.ptr(); }
+   void parentIs(Entity * p) { parent_ = p; }
+   // "/"-separated names from the root down to this entity.
+   String8 fullName() const;
+   String8 uriPath() const { return fullName(); }
+
+   uint32_t modificationCount() const { return kelSpare_; }
+   uint32_t reactorCount() const { return reactors_.registered(); }
+   ReactorList const & reactors() const { return reactors_; }
+
+   void zeroReferencesIs(bool) override;
+
+   // --- used by the generated pattern -----------------------------------
+   void kelModified() { ++kelSpare_; }
+   bool kelHasReactors() const { return reactors_.registered() != 0; }
+
+   // Calls (reactor->*Fn)(args...) on a snapshot of the registered reactors
+   // that are of at least type N (a reactor of a base type bound to a
+   // derived entity has no callback for the derived type's attributes).
+   template <class N, auto Fn, class... A>
+   [[gnu::noinline]] void kelNotify(AttributeId id, A const &... args) const;
+
+ protected:
+   // A member leaving an owning collection stops pointing back at it.
+   template <class V>
+   void kelDetach(V const &) {}
+   template <class T>
+   void kelDetach(Kel::Ptr<T> const & child) {
+      if (child && child->parentRaw() == this) child->parentIs(nullptr);
+   }
+
+ private:
+   friend class NotifieeConst;
+   static void kelDeliverException(PtrInterface::NotifieeConst * r, AttributeId id);
+
+   Entity * parent_ = nullptr;
+   Name name_;
+   mutable ReactorList reactors_;
+};
+
+class Entity::NotifieeConst : public PtrInterface::NotifieeConst {
+ public:
+   using Ptr = Kel::Ptr<NotifieeConst>;
+   NotifieeConst() = default;
+   ~NotifieeConst() override;
+
+   Kel::Ptr<Entity const> notifier() const { return notifier_; }
+   // Binds to `e` (unbinding from the previous notifier). A bound reactor
+   // is registered unless isRegisteredNotifieeIs(false) was said.
+   void notifierIs(Kel::Ptr<Entity const> const & e) { kelNotifierIs(e.ptr()); }
+   bool isRegisteredNotifiee() const { return wantRegistered_; }
+   void isRegisteredNotifieeIs(bool b);
+
+   // Depth in the entity type chain of the type this reactor observes.
+   uint8_t kelDepth() const { return depth_; }
+
+ protected:
+   void kelNotifierIs(Entity const * e);
+   Entity * kelNotifierRaw() const { return notifier_; }
+   void kelDepthIs(uint8_t d) { depth_ = d; }
+
+ private:
+   friend class Entity;
+   friend class ReactorList;
+   Entity * notifier_ = nullptr;
+   bool wantRegistered_ = true;
+   uint8_t depth_ = 0;
+};
+
+class Entity::Notifiee : public Entity::NotifieeConst {
+ public:
+   Kel::Ptr<Entity> notifier() const { return kelNotifierRaw(); }
+   void notifierIs(Kel::Ptr<Entity> const & e) { kelNotifierIs(e.ptr()); }
+};
+
+inline PtrInterface::NotifieeConst * ReactorList::operator[](uint32_t i) const {
+   return static_cast<Entity::NotifieeConst *>(data_[i]);
+}
+
+template <class N, auto Fn, class... A>
+void Entity::kelNotify(AttributeId id, A const &... args) const {
+   // Keep this entity alive across callbacks that may drop the last outside
+   // reference to it.
+   Kel::Ptr<Entity const> self(references() ? this : nullptr);
+   SnapshotIterator snap(reactors_);
+   for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
+      auto * r = static_cast<Entity::NotifieeConst *>(snap.take(i));
+      // Only the snapshot holds it: released or deregistered meanwhile.
+      if (r->references() != 1 && r->kelDepth() >= N::kelTypeDepth) {
+         Expect expect(Exception::notificationId);
+         try {
+            (static_cast<N *>(r)->*Fn)(args...);
+         } catch (...) {
+            kelDeliverException(r, id);
+         }
+      }
+      r->referencesDec();
+   }
+}
+
+} // namespace Kel
