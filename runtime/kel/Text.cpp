@@ -55,12 +55,20 @@ void rethrowFromDeserializeAttr(RangeException const & e, String8 const & attrNa
 
 namespace {
 
+// What the text holds at the point of an error: up to 16 bytes in double
+// quotes, so that the single quotes of the text itself read plainly.
 String8 snippet(TextIt it, TextIt end) {
    size_t n = size_t(end - it);
-   std::string_view s(it, n < 16 ? n : 16);
-   String8 out;
-   printQuoted(out, s);
-   return out;
+   String8 q;
+   printQuoted(q, std::string_view(it, n < 16 ? n : 16));
+   std::string s = q.str().substr(1, q.size() - 2);
+   std::string out = "\"";
+   for (size_t i = 0; i < s.size(); ++i) {
+      if (s[i] == '\\' && i + 1 < s.size() && s[i + 1] == '\'') continue;
+      out += s[i];
+   }
+   out += '"';
+   return String8(out);
 }
 
 } // namespace

@@ -1,0 +1,16 @@
+# Installs the Debian packages a build needs, only when one is missing.
+# Usage: source tools/deps.sh; intf_need_packages pkg...
+intf_need_packages() {
+   local missing=()
+   for p in "$@"; do
+      dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
+   done
+   if [ ${#missing[@]} -gt 0 ]; then
+      echo "installing: ${missing[*]}"
+      local sudo=""
+      [ "$(id -u)" -ne 0 ] && sudo="sudo"
+      $sudo apt-get update -qq
+      DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}"
+   fi
+}
+INTF_BASE_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev)
