@@ -1,4 +1,5 @@
 // Hand-written behaviour of the model's records.
+#include <Intf/Startup.h>
 #include <Intf/Types.h>
 
 namespace Interface {
@@ -15,3 +16,25 @@ uint32_t IntfConfigRequest::hash() const {
 }
 
 } // namespace Interface
+
+// ---- start-up ----------------------------------------------------------------------------------
+
+void kelInitIntf() {
+   using namespace Interface;
+   Kel::describeTypes("Interface",
+                      {_fwkType_IntfOperStatus(), _fwkType_IntfEnabledState(),
+                       _fwkType_IntfForwardingModel(), _fwkType_IntfLoggingMode(),
+                       _fwkType_PktType(), _fwkType_DropPrecedence(), IntfStatistics::_fwkType(),
+                       IntfRates::_fwkType(), LoadInterval::_fwkType(),
+                       IntfConfigRequest::_fwkType(), IntfStatusOperStatusChange::_fwkType(),
+                       QueueCounterConstants::_fwkType()});
+}
+
+void kelModuleIntf() {
+   using namespace Interface;
+   Kel::moduleInitializedIs("Intf");
+   Kel::registerTypes<IntfOperStatus, IntfEnabledState, IntfForwardingModel, IntfLoggingMode,
+                      PktType, DropPrecedence, IntfStatistics, IntfRates, LoadInterval,
+                      IntfConfigRequest, IntfStatusOperStatusChange, QueueCounterConstants>();
+   kelInitIntf();
+}

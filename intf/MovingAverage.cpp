@@ -29,3 +29,8 @@ IntfRates updateIntfMovingAverages(IntfRates const & prev, IntfStatistics const 
 }
 
 } // namespace Interface
+
+#include <Intf/Startup.h>
+
+// Rates register no types; the module only announces itself.
+void kelModuleMovingAverage() { Kel::moduleInitializedIs("MovingAverage"); }

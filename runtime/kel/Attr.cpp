@@ -17,3 +17,14 @@ void throwReinstantiate(String8 const & child, const char * attr, String8 const 
 }
 
 } // namespace Kel
+
+#include <Kel/Assert.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+void Kel::assertFail(const char * expr, const char * source, const char * function) {
+   std::fprintf(stderr, "%s: %s: Assertion `%s' failed.\n", source, function, expr);
+   std::fflush(stderr);
+   std::abort();
+}

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <Kel/Text.h>
+#include <Kel/Type.h>
 
 #include <cstdint>
 #include <ostream>
@@ -54,4 +55,9 @@ struct Kel::Text<Brik::MaybeU63> {
       }
    }
    static void parse(TextIt & it, TextIt end, Brik::MaybeU63 * m);
+};
+
+template <>
+struct Kel::BuiltinName<Brik::MaybeU63> {
+   static constexpr const char * value = "Brik::MaybeU63";
 };

@@ -49,9 +49,11 @@
 
 namespace Kel {
 
-enum class AttrKind : uint8_t {
-   Ctor, Scalar, Ptr, WriteOnce, Local, Coll, EntColl, RefColl, InstColl, Derived, Const, Hook
-};
+template <class T, class It>
+Ptr<GenericIterator> genericIterator(T const * owner, It it, AttrDesc const * desc) {
+   return Ptr<GenericIterator>(new CollGenericIterator<It>(
+       Ptr<Entity>(const_cast<T *>(owner)), std::move(it), desc));
+}
 
 struct AttrInfo {
    const char * name;
@@ -188,6 +190,136 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_DETACH_Derived(name)
 #define KEL_EA_DETACH_Const(name)
 #define KEL_EA_DETACH_Hook(name)
+
+
+// ---- reflection descriptors ------------------------------------------------------------------
+// One AttrDesc per row; the lambdas call the ordinary accessors and mutators.
+#define KEL_EA_SELF_ static_cast<KelSelf const *>(o)
+#define KEL_EA_MSELF_ static_cast<KelSelf *>(o)
+#define KEL_EA_DESC_(ak, an, Name, ...) KEL_EA_DESC_##ak(an, Name, __VA_ARGS__)
+#define KEL_EA_DESC_HEAD_(an, ak, af, T) \
+   d.name = #an;                              \
+   d.id = kelId_##an;                         \
+   d.kind = ::Kel::AttrKind::ak;              \
+   d.flags = af;                             \
+   d.valueType = &::Kel::typeOf<T>;
+#define KEL_EA_DESC_GET_(an)                                                        \
+   d.get = [](void const * o) { return ::Kel::toGeneric(KEL_EA_SELF_->an()); };
+#define KEL_EA_DESC_SET_(an, T)                                                     \
+   d.set = [](void * o, ::Kel::GenericIf const & v) {                                 \
+      KEL_EA_MSELF_->an##Is(::Kel::fromGeneric<T>(v, #an));                       \
+   };
+#define KEL_EA_DESC_COLL_(an, Key, Value)                                           \
+   d.keyType = &::Kel::typeOf<Key>;                                                   \
+   d.index = [](void const * o, ::Kel::GenericIf const & k) {                         \
+      return ::Kel::toGeneric(KEL_EA_SELF_->an(::Kel::fromGeneric<Key>(k, #an))); \
+   };                                                                                 \
+   d.del = [](void * o, ::Kel::GenericIf const & k) {                                 \
+      KEL_EA_MSELF_->an##Del(::Kel::fromGeneric<Key>(k, #an));                    \
+   };                                                                                 \
+   d.iterate = [](void const * o) {                                                   \
+      return ::Kel::genericIterator(KEL_EA_SELF_, KEL_EA_SELF_->an##IteratorConst(), \
+                                    KEL_EA_SELF_->fwkType()->attribute(kelId_##an)); \
+   };
+#define KEL_EA_DESC_Ctor(an, Name, Type)                                            \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Ctor, ::Kel::attrCtorParam, Type)                       \
+      KEL_EA_DESC_GET_(an) v.push_back(d);                                          \
+   }
+#define KEL_EA_DESC_Scalar(an, Name, Type, dflt)                                    \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Scalar, ::Kel::attrWritable | ::Kel::attrNotifying, Type) \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, Type) v.push_back(d);             \
+   }
+#define KEL_EA_DESC_Ptr(an, Name, Target, nullable)                                 \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Ptr, ::Kel::attrWritable | ::Kel::attrNotifying,        \
+                        ::Kel::Ptr<Target>)                                           \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>) v.push_back(d); \
+   }
+#define KEL_EA_DESC_WriteOnce(an, Name, Target)                                     \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, WriteOnce, ::Kel::attrWritable | ::Kel::attrNotifying,  \
+                        ::Kel::Ptr<Target>)                                           \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>) v.push_back(d); \
+   }
+#define KEL_EA_DESC_Local(an, Name, Target)                                         \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Local, ::Kel::attrLocal, ::Kel::Ptr<Target>)            \
+      KEL_EA_DESC_GET_(an) v.push_back(d);                                          \
+   }
+#define KEL_EA_DESC_Coll(an, Name, MapT, Key, Value)                                \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Coll,                                                   \
+                        ::Kel::attrCollection | ::Kel::attrWritable | ::Kel::attrNotifying, \
+                        Value)                                                        \
+      KEL_EA_DESC_COLL_(an, Key, Value)                                             \
+      d.indexSet = [](void * o, ::Kel::GenericIf const & k, ::Kel::GenericIf const & x) { \
+         KEL_EA_MSELF_->an##Is(::Kel::fromGeneric<Key>(k, #an),                   \
+                                 ::Kel::fromGeneric<Value>(x, #an));                \
+      };                                                                              \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_EA_DESC_EntColl(an, Name, MapT, Key, T, keyAttr)                        \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, EntColl,                                                \
+                        ::Kel::attrCollection | ::Kel::attrWritable | ::Kel::attrNotifying, \
+                        ::Kel::Ptr<T>)                                                \
+      KEL_EA_DESC_COLL_(an, Key, ::Kel::Ptr<T>)                                     \
+      KEL_EA_DESC_SET_(an, ::Kel::Ptr<T>) v.push_back(d);                           \
+   }
+#define KEL_EA_DESC_RefColl(an, Name, MapT, Key, T)                                 \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, RefColl,                                                \
+                        ::Kel::attrCollection | ::Kel::attrWritable | ::Kel::attrNotifying, \
+                        ::Kel::Ptr<T>)                                                \
+      KEL_EA_DESC_COLL_(an, Key, ::Kel::Ptr<T>)                                     \
+      d.indexSet = [](void * o, ::Kel::GenericIf const & k, ::Kel::GenericIf const & x) { \
+         KEL_EA_MSELF_->an##Is(::Kel::fromGeneric<Key>(k, #an),                   \
+                                 ::Kel::fromGeneric<::Kel::Ptr<T>>(x, #an));        \
+      };                                                                              \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_EA_DESC_InstColl(an, Name, MapT, Key, T)                                \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, InstColl,                                               \
+                        ::Kel::attrCollection | ::Kel::attrInstantiating |            \
+                            ::Kel::attrNotifying,                                     \
+                        ::Kel::Ptr<T>)                                                \
+      KEL_EA_DESC_COLL_(an, Key, ::Kel::Ptr<T>)                                     \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_EA_DESC_Derived(an, Name, Type)                                         \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Derived, ::Kel::attrDerived, Type)                      \
+      KEL_EA_DESC_GET_(an) v.push_back(d);                                          \
+   }
+#define KEL_EA_DESC_Const(an, Name, Type, value)                                    \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Const, ::Kel::attrConstant, Type)                       \
+      d.get = [](void const *) { return ::Kel::toGeneric(Type(value)); };             \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_EA_DESC_Hook(an, Name)                                                  \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      d.name = #an;                                                                 \
+      d.id = kelId_##an;                                                            \
+      d.kind = ::Kel::AttrKind::Hook;                                                 \
+      d.flags = ::Kel::attrOperation;                                                 \
+      v.push_back(d);                                                                 \
+   }
 
 // ---- storage ------------------------------------------------------------------------------
 #define KEL_EA_STORE_(kind, name, Name, ...) KEL_EA_STORE_##kind(name, Name, __VA_ARGS__)
@@ -412,6 +544,18 @@ void checkReinstantiate(T const & child, A const &... args) {
    static constexpr auto kelCtorFields() {                                            \
       return std::tuple_cat(std::tuple<>() ATTRS(KEL_EA_CTORF_));                     \
    }                                                                                  \
+   /* Reflection: this type's own attribute descriptors, and its type object. */       \
+   static std::vector<::Kel::AttrDesc> kelAttrDescs() {                               \
+      std::vector<::Kel::AttrDesc> v;                                                 \
+      ATTRS(KEL_EA_DESC_)                                                             \
+      return v;                                                                       \
+   }                                                                                  \
+   using GenericIf_ = ::Kel::GenericEntity<KelSelf>;                                  \
+   static ::Kel::KelType const * _fwkType() {                                         \
+      static ::Kel::KelType const * t = ::Kel::makeEntityType<KelSelf>();             \
+      return t;                                                                       \
+   }                                                                                  \
+   ::Kel::KelType const * fwkType() const override { return _fwkType(); }            \
    class NotifieeConst : public Base::NotifieeConst {                                 \
     public:                                                                           \
       using Ptr = ::Kel::Ptr<NotifieeConst>;                                          \

@@ -12,12 +12,11 @@
 #include <Kel/Exception.h>
 #include <Kel/Ptr.h>
 #include <Kel/String8.h>
+#include <Kel/Type.h>
 
 #include <cstdint>
 
 namespace Kel {
-
-using AttributeId = uint32_t;
 
 class Entity;
 
@@ -116,6 +115,9 @@ class Entity : public PtrInterface {
    ReactorList const & reactors() const { return reactors_; }
 
    void zeroReferencesIs(bool) override;
+   // The type object of Kel::Entity, and of this entity's dynamic type.
+   static KelType const * _fwkType();
+   virtual KelType const * fwkType() const { return _fwkType(); }
 
    // --- used by the generated pattern -----------------------------------
    void kelModified() { ++kelSpare_; }

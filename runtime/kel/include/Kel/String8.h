@@ -68,6 +68,7 @@ class String8 {
    String8 & operator+=(String8 const & o) { s_ += o.s_; return *this; }
    String8 & operator+=(char c) { s_ += c; return *this; }
    String8 & operator+=(const char * o) { s_ += o; return *this; }
+   String8 & operator+=(std::string const & o) { s_ += o; return *this; }
 
    friend String8 operator+(String8 a, std::string_view b) { a.s_ += b; return a; }
    friend String8 operator+(String8 a, String8 const & b) { a.s_ += b.s_; return a; }

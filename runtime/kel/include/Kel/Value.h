@@ -22,6 +22,7 @@
 #pragma once
 
 #include <Kel/Exception.h>
+#include <Kel/GenericIf.h>
 #include <Kel/Text.h>
 
 #include <cstdint>
@@ -49,6 +50,15 @@ struct FieldDesc {
    using Type = T;
    const char * name;
    T C::*member;
+   AttributeId id;
+};
+
+template <class T>
+struct ConstDesc {
+   using Type = T;
+   const char * name;
+   T value;
+   AttributeId id;
 };
 
 template <class V>
@@ -56,6 +66,18 @@ concept ValueType = requires { V::kelIsValueType; };
 
 template <class V>
 concept HasCheck = requires(V const & v) { v.kelCheck(); };
+
+// A record may print itself in a form of its own (kelPrint) while still
+// parsing the generic form.
+template <class V>
+concept HasPrint = requires(V const & v, String8 & s) { v.kelPrint(s); };
+
+// A name the parser accepts and discards (a Derived row of a record).
+template <class T>
+struct IgnoredDesc {
+   using Type = T;
+   const char * name;
+};
 
 // Equality of two records: fields in declaration order, first difference
 // decides. Doubles use ==, so a NaN field makes a record unequal to itself.
@@ -105,6 +127,14 @@ bool parseField(V & v, F const & f, std::string_view name, TextIt & it, TextIt e
    return true;
 }
 
+template <class F>
+bool skipField(F const & f, std::string_view name, TextIt & it, TextIt end) {
+   if (name != f.name) return false;
+   typename F::Type ignored{};
+   deserializeAttr(it, end, &ignored, f.name);
+   return true;
+}
+
 } // namespace detail
 
 // Parses "Value('<type>', ** {'a': ..., 'b': ...})". Fields may come in any
@@ -124,6 +154,11 @@ void parseValue(V & v, TextIt & it, TextIt end) {
                    return (detail::parseField(v, f, name, it, end) || ...);
                 },
                 V::kelFields());
+            if (!found) {
+               found = std::apply(
+                   [&](auto const &... f) { return (detail::skipField(f, name, it, end) || ...); },
+                   V::kelIgnored());
+            }
             if (!found) detail::throwNoSuchAttr(V::kelShortName, name);
             if (acceptChar(it, end, ',')) {
                if (acceptChar(it, end, '}')) break;
@@ -143,7 +178,13 @@ void parseValue(V & v, TextIt & it, TextIt end) {
 
 template <ValueType V>
 struct Text<V> {
-   static void print(String8 & out, V const & v) { printValue(out, v); }
+   static void print(String8 & out, V const & v) {
+      if constexpr (HasPrint<V>) {
+         v.kelPrint(out);
+      } else {
+         printValue(out, v);
+      }
+   }
    static void parse(TextIt & it, TextIt end, V * v) {
       *v = V();
       parseValue(*v, it, end);
@@ -198,18 +239,69 @@ struct Text<E> {
 
 #define KEL_VF_STORAGE_Field(name, Type, dflt) Type name##_ = dflt;
 #define KEL_VF_STORAGE_Const(name, Type, value)
+#define KEL_VF_STORAGE_Derived(name, Type)
+#define KEL_VF_STORAGE_Call(name)
 #define KEL_VF_STORAGE_(kind, ...) KEL_VF_STORAGE_##kind(__VA_ARGS__)
 
 #define KEL_VF_ACCESS_Field(name, Type, dflt)                                         \
    ::Kel::Ret<Type> name() const { return name##_; }                                  \
    void name##Is(Type const & v) { name##_ = v; }
 #define KEL_VF_ACCESS_Const(name, Type, value) static constexpr Type name = value;
+#define KEL_VF_ACCESS_Derived(name, Type)
+#define KEL_VF_ACCESS_Call(name)
 #define KEL_VF_ACCESS_(kind, ...) KEL_VF_ACCESS_##kind(__VA_ARGS__)
 
 #define KEL_VF_DESC_Field(name, Type, dflt) \
-   , std::make_tuple(::Kel::FieldDesc<KelSelf, Type>{#name, &KelSelf::name##_})
+   , std::make_tuple(::Kel::FieldDesc<KelSelf, Type>{#name, &KelSelf::name##_, kelId_##name})
 #define KEL_VF_DESC_Const(name, Type, value)
+#define KEL_VF_DESC_Derived(name, Type)
+#define KEL_VF_DESC_Call(name)
 #define KEL_VF_DESC_(kind, ...) KEL_VF_DESC_##kind(__VA_ARGS__)
+
+#define KEL_VF_CONST_Field(name, Type, dflt)
+#define KEL_VF_CONST_Const(name, Type, value) \
+   , std::make_tuple(::Kel::ConstDesc<Type>{#name, value, kelId_##name})
+#define KEL_VF_CONST_Derived(name, Type)
+#define KEL_VF_CONST_Call(name)
+#define KEL_VF_CONST_(kind, ...) KEL_VF_CONST_##kind(__VA_ARGS__)
+
+#define KEL_VF_IGNORED_Field(name, Type, dflt)
+#define KEL_VF_IGNORED_Const(name, Type, value)
+#define KEL_VF_IGNORED_Derived(name, Type) , std::make_tuple(::Kel::IgnoredDesc<Type>{#name})
+#define KEL_VF_IGNORED_Call(name)
+#define KEL_VF_IGNORED_(kind, ...) KEL_VF_IGNORED_##kind(__VA_ARGS__)
+
+// Reflection of the rows that are neither fields nor constants.
+#define KEL_VF_EXTRA_Field(name, Type, dflt)
+#define KEL_VF_EXTRA_Const(name, Type, value)
+#define KEL_VF_EXTRA_Derived(an, Type)                                                \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      d.name = #an;                                                                   \
+      d.id = kelId_##an;                                                              \
+      d.kind = ::Kel::AttrKind::Derived;                                              \
+      d.flags = ::Kel::attrDerived;                                                   \
+      d.valueType = &::Kel::typeOf<Type>;                                             \
+      d.get = [](void const * o) {                                                    \
+         return ::Kel::toGeneric(static_cast<KelSelf const *>(o)->an());              \
+      };                                                                              \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_VF_EXTRA_Call(an)                                                         \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      d.name = #an;                                                                   \
+      d.id = kelId_##an;                                                              \
+      d.kind = ::Kel::AttrKind::Hook;                                                 \
+      d.flags = ::Kel::attrOperation;                                                 \
+      d.call = [](void *, ::Kel::GenericIf const & args) {                            \
+         return ::Kel::invokeGeneric(&KelSelf::an, args, #an);                        \
+      };                                                                              \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_VF_EXTRA_(kind, ...) KEL_VF_EXTRA_##kind(__VA_ARGS__)
+
+#define KEL_VF_ID_(kind, name, ...) kelId_##name,
 
 #define KEL_VALUE_TYPE(Type, QualName, FIELDS)                                        \
  public:                                                                              \
@@ -225,7 +317,23 @@ struct Text<E> {
    }                                                                                  \
    bool operator==(Type const & o) const { return ::Kel::valueEquals(*this, o); }     \
    bool operator!=(Type const & o) const { return !(*this == o); }                    \
+   /* Attribute identifiers: table order from 258, constants included. */            \
+   enum : ::Kel::AttributeId { kelAttrBegin_ = 257, FIELDS(KEL_VF_ID_) kelAttrEnd_ };   \
    static constexpr auto kelFields() { return std::tuple_cat(std::tuple<>() FIELDS(KEL_VF_DESC_)); } \
+   static constexpr auto kelConsts() { return std::tuple_cat(std::tuple<>() FIELDS(KEL_VF_CONST_)); } \
+   static constexpr auto kelIgnored() {                                                \
+      return std::tuple_cat(std::tuple<>() FIELDS(KEL_VF_IGNORED_));                   \
+   }                                                                                   \
+   static std::vector<::Kel::AttrDesc> kelExtraDescs() {                               \
+      std::vector<::Kel::AttrDesc> v;                                                  \
+      FIELDS(KEL_VF_EXTRA_)                                                            \
+      return v;                                                                        \
+   }                                                                                   \
+   using GenericIf_ = ::Kel::GenericValue<KelSelf>;                                    \
+   static ::Kel::KelType const * _fwkType() {                                          \
+      static ::Kel::KelType const * t = ::Kel::makeValueType<KelSelf>();               \
+      return t;                                                                        \
+   }                                                                                   \
                                                                                       \
  private:                                                                             \
    FIELDS(KEL_VF_STORAGE_)                                                            \
@@ -234,11 +342,7 @@ struct Text<E> {
 
 // Namespace-scope companions of a value type: text form and stream output.
 #define KEL_VALUE_FUNCS(Type)                                                         \
-   inline ::Kel::String8 valueToStrep(Type const & v) {                              \
-      ::Kel::String8 s;                                                               \
-      ::Kel::printValue(s, v);                                                        \
-      return s;                                                                       \
-   }                                                                                  \
+   inline ::Kel::String8 valueToStrep(Type const & v) { return ::Kel::valueToStrep(v); } \
    inline std::ostream & operator<<(std::ostream & os, Type const & v) {              \
       return os << valueToStrep(v);                                                   \
    }
@@ -258,6 +362,12 @@ struct Text<E> {
           #Name, QualName, entries, uint32_t(sizeof entries / sizeof entries[0])};    \
       return info;                                                                    \
    }                                                                                  \
+   inline ::Kel::KelType const * _fwkType_##Name() {                                  \
+      static ::Kel::KelType const * t =                                               \
+          ::Kel::makeEnumType(kelEnumInfo(Name{}), sizeof(Name));                     \
+      return t;                                                                       \
+   }                                                                                  \
+   inline ::Kel::KelType const * kelFwkType(Name) { return _fwkType_##Name(); }       \
    inline ::Kel::String8 stringValue(Name v) {                                        \
       return ::Kel::enumString(kelEnumInfo(v), uint32_t(v));                          \
    }                                                                                  \
@@ -274,3 +384,5 @@ struct Text<E> {
    inline std::ostream & operator<<(std::ostream & os, Name v) {                      \
       return os << stringValue(v);                                                    \
    }
+
+#include <Kel/Reflect.h>

@@ -19,6 +19,7 @@
 
 #include <Kel/String8.h>
 #include <Kel/Text.h>
+#include <Kel/Type.h>
 
 #include <compare>
 #include <cstdint>
@@ -93,6 +94,11 @@ struct Kel::Text<Zenet::IntfId> {
    // The quoted interface name.
    static void print(String8 & out, Zenet::IntfId id) { printQuoted(out, id.stringValue().view()); }
    static void parse(TextIt & it, TextIt end, Zenet::IntfId * id);
+};
+
+template <>
+struct Kel::BuiltinName<Zenet::IntfId> {
+   static constexpr const char * value = "Zenet::IntfId";
 };
 
 template <>

@@ -1,0 +1,211 @@
+// Reflection: values, records and entities read, written, iterated and
+// constructed by attribute name, without compile-time knowledge of the type.
+//
+// A GenericIf wraps one instance: Builtin<T> a built-in or enumeration
+// value, GenericValue<V> a record (V::GenericIf_), GenericEntity<E> an entity
+// (E::GenericIf_). Everything goes through the type object's attribute
+// descriptors, so no type has reflection code of its own: a set through
+// reflection calls the type's ordinary mutator.
+#pragma once
+
+#include <Kel/Entity.h>
+#include <Kel/Text.h>
+#include <Kel/Type.h>
+
+#include <type_traits>
+#include <vector>
+
+namespace Kel {
+
+struct AttributeOp {
+   enum Id : uint8_t { get, set, index, indexSet, del, call };
+   Id op;
+   AttributeId attr;
+};
+
+class GenericIf : public PtrInterface {
+ public:
+   using Ptr = Kel::Ptr<GenericIf>;
+   using PtrConst = Kel::Ptr<GenericIf const>;
+   class List;
+   class Result;
+
+   explicit GenericIf(bool isConst = false) : const_(isConst) {}
+   // Whether this wrapper was made for a const instance (and refuses writes).
+   bool isConst() const { return const_; }
+
+   virtual KelType const * type() const = 0;
+   virtual String8 strRep() const = 0;
+   virtual Ptr clone() const = 0;
+   // The wrapped instance when `t` is its type (or a base of it), else null.
+   virtual void const * voidPtrIs(KelType const * t) const;
+
+   AttributeId attributeId(String8 const & name) const;
+   // The one entry point for get, set, index, indexSet, delete and call.
+   virtual void attributeOp(AttributeOp const & op, PtrConst const & arg,
+                            Kel::Ptr<Result> const & result);
+   virtual Kel::Ptr<GenericIterator> attributeIteratorConst(AttributeId id) const;
+
+   // Conveniences over attributeOp.
+   Ptr attribute(String8 const & name);
+   void attributeIs(String8 const & name, PtrConst const & v);
+   Ptr attributeAt(String8 const & name, PtrConst const & key);
+
+   [[noreturn]] static void throwConstException(const char * text);
+   [[noreturn]] static void throwTypeException(String8 const & attr);
+   [[noreturn]] static void throwUnknownAttrException(String8 const & type, String8 const & attr);
+   [[noreturn]] static void throwBadIndexAttrException(String8 const & attr);
+   [[noreturn]] static void throwOpNotSupportedException(String8 const & attr, int opId, bool);
+   [[noreturn]] static void throwUnknownArgException(String8 const & type);
+
+ protected:
+   // The instance the descriptors operate on.
+   virtual void * instance() const = 0;
+
+ private:
+   bool const_;
+};
+
+// Box for the result of an attributeOp.
+class GenericIf::Result : public PtrInterface {
+ public:
+   Ptr val() const { return v_; }
+   void valIs(Ptr v) { v_ = std::move(v); }
+
+ private:
+   Ptr v_;
+};
+
+// A list of generic values (constructor arguments, call arguments).
+class GenericIf::List : public GenericIf {
+ public:
+   List() = default;
+   explicit List(std::vector<PtrConst> items) : items_(std::move(items)) {}
+   std::vector<PtrConst> const & items() const { return items_; }
+   void append(PtrConst v) { items_.push_back(std::move(v)); }
+   KelType const * type() const override;
+   String8 strRep() const override;
+   Ptr clone() const override { return Ptr(new List(items_)); }
+
+ protected:
+   void * instance() const override { return nullptr; }
+
+ private:
+   std::vector<PtrConst> items_;
+};
+
+// Iterator over a collection attribute.
+class GenericIterator : public PtrInterface {
+ public:
+   virtual bool nonNull() const = 0;
+   virtual GenericIf::Ptr iterKey() const = 0;
+   virtual GenericIf::Ptr iterObj() const = 0;
+   virtual void iterInc() = 0;
+   virtual void iterDel() = 0;
+   virtual Kel::Ptr<GenericIterator> iterClone() const = 0;
+};
+
+// ---- type objects of built-ins, enumerations, records -----------------------------------------
+
+template <class T>
+KelType const * typeOf();
+
+// ---- wrappers -------------------------------------------------------------------------------
+
+// A built-in, enumeration or record value.
+template <class T>
+class GenericValue : public GenericIf {
+ public:
+   explicit GenericValue(T v, bool isConst = false) : GenericIf(isConst), v_(std::move(v)) {}
+   T const & value() const { return v_; }
+   void valIs(T const & v) {
+      if (isConst()) throwConstException("attempting to modify a const instance");
+      v_ = v;
+   }
+   KelType const * type() const override { return typeOf<T>(); }
+   String8 strRep() const override { return valueToStrep(v_); }
+   Ptr clone() const override { return Ptr(new GenericValue(v_, isConst())); }
+   void const * voidPtrIs(KelType const * t) const override {
+      return type()->isA(t) ? &v_ : nullptr;
+   }
+
+ protected:
+   void * instance() const override { return const_cast<T *>(&v_); }
+
+ private:
+   T v_;
+};
+
+template <class T>
+using Builtin = GenericValue<T>;
+
+// Any entity wrapper, whatever its entity type.
+class GenericEntityBase : public GenericIf {
+ public:
+   using GenericIf::GenericIf;
+   virtual Entity * entityRaw() const = 0;
+};
+
+// An entity, held by a counted pointer.
+template <class E>
+class GenericEntity : public GenericEntityBase {
+ public:
+   explicit GenericEntity(Kel::Ptr<E> e, bool isConst = false)
+         : GenericEntityBase(isConst), e_(std::move(e)) {}
+   Kel::Ptr<E> const & entity() const { return e_; }
+   Entity * entityRaw() const override { return e_.ptr(); }
+   KelType const * type() const override { return e_ ? e_->fwkType() : E::_fwkType(); }
+   String8 strRep() const override { return e_ ? e_->fullName() : String8("None"); }
+   Ptr clone() const override { return Ptr(new GenericEntity(e_, isConst())); }
+   void const * voidPtrIs(KelType const * t) const override {
+      return e_ && type()->isA(t) ? static_cast<Entity const *>(e_.ptr()) : nullptr;
+   }
+
+ protected:
+   void * instance() const override { return static_cast<Entity *>(e_.ptr()); }
+
+ private:
+   Kel::Ptr<E> e_;
+};
+
+// ---- conversions between typed values and generic ones -----------------------------------
+
+template <class T>
+struct IsPtr : std::false_type {};
+template <class T>
+struct IsPtr<Kel::Ptr<T>> : std::true_type {
+   using Target = T;
+};
+
+template <class T>
+GenericIf::Ptr toGeneric(T const & v) {
+   if constexpr (IsPtr<T>::value) {
+      using E = std::remove_const_t<typename IsPtr<T>::Target>;
+      return GenericIf::Ptr(
+          new GenericEntity<E>(Kel::Ptr<E>(const_cast<E *>(v.ptr())), std::is_const_v<typename IsPtr<T>::Target>));
+   } else {
+      return GenericIf::Ptr(new GenericValue<T>(v));
+   }
+}
+
+// The typed value of `g`, which must be of type T (entities: of a type
+// derived from T's target, or a null entity).
+template <class T>
+T fromGeneric(GenericIf const & g, const char * attr) {
+   if constexpr (IsPtr<T>::value) {
+      using Target = typename IsPtr<T>::Target;
+      auto const * e = dynamic_cast<GenericEntityBase const *>(&g);
+      if (!e) GenericIf::throwTypeException(attr);
+      Entity * raw = e->entityRaw();
+      if (!raw) return T();
+      auto * t = dynamic_cast<std::remove_const_t<Target> *>(raw);
+      if (!t) GenericIf::throwTypeException(attr);
+      return T(t);
+   } else {
+      void const * p = g.voidPtrIs(typeOf<T>());
+      if (!p || g.type() != typeOf<T>()) GenericIf::throwTypeException(attr);
+      return *static_cast<T const *>(p);
+   }
+}
+
+} // namespace Kel

@@ -1,0 +1,148 @@
+// Type objects: one per type, created on first use and kept for the life of
+// the process. A type object knows its qualified name, its base, its
+// attributes (with type-erased operations that reflection uses) and how to
+// make an instance from generic constructor arguments. Registering a type's
+// name (typeNodeIs) makes it findable by name.
+#pragma once
+
+#include <Kel/Exception.h>
+#include <Kel/Ptr.h>
+#include <Kel/String8.h>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace Kel {
+
+using AttributeId = uint32_t;
+class GenericIf;
+class GenericIterator;
+class Entity;
+class KelType;
+// The kinds of attribute rows (see Attr.h).
+enum class AttrKind : uint8_t {
+   Ctor, Scalar, Ptr, WriteOnce, Local, Coll, EntColl, RefColl, InstColl, Derived, Const, Hook
+};
+
+// Attribute flags, as the introspection walk reports them.
+enum AttrFlags : uint32_t {
+   attrCollection = 1 << 0,
+   attrWritable = 1 << 1,
+   attrNotifying = 1 << 2,
+   attrInstantiating = 1 << 3,  // the type constructs the attribute's entities itself
+   attrConstant = 1 << 4,
+   attrDerived = 1 << 5,
+   attrCtorParam = 1 << 6,
+   attrLocal = 1 << 7,          // process-local: never replicated, never notified
+   attrOperation = 1 << 8,      // a callable operation, not a value
+};
+
+// The type-erased operations of one attribute. An operation the attribute
+// does not support is null.
+struct AttrDesc {
+   const char * name = nullptr;
+   AttributeId id = 0;
+   AttrKind kind{};
+   uint32_t flags = 0;
+   KelType const * (*valueType)() = nullptr;  // of the value, or of a collection's values
+   KelType const * (*keyType)() = nullptr;    // collections only
+   Ptr<GenericIf> (*get)(void const * obj) = nullptr;
+   void (*set)(void * obj, GenericIf const & v) = nullptr;
+   Ptr<GenericIf> (*index)(void const * obj, GenericIf const & key) = nullptr;
+   void (*indexSet)(void * obj, GenericIf const & key, GenericIf const & v) = nullptr;
+   void (*del)(void * obj, GenericIf const & key) = nullptr;
+   Ptr<GenericIterator> (*iterate)(void const * obj) = nullptr;
+   // Operations (static functions reachable by name): arguments as a list.
+   Ptr<GenericIf> (*call)(void * obj, GenericIf const & args) = nullptr;
+};
+
+class KelType {
+ public:
+   enum class Kind : uint8_t { builtin, enumeration, value, entity };
+
+   KelType(const char * name, Kind kind, KelType const * base, size_t size)
+         : name_(name), kind_(kind), base_(base), size_(size) {}
+   KelType(KelType const &) = delete;
+   KelType & operator=(KelType const &) = delete;
+
+   String8 const & name() const { return name_; }
+   Kind kind() const { return kind_; }
+   KelType const * base() const { return base_; }
+   size_t size() const { return size_; }
+   void sizeIs(size_t s) { size_ = s; }
+   uint32_t typeFlags() const { return flags_; }
+   void typeFlagsIs(uint32_t f) { flags_ = f; }
+   // True when this type is `t` or derives from it.
+   bool isA(KelType const * t) const;
+
+   // Registers the type under its qualified name; the name must be the one
+   // it was created with. Registering twice is harmless.
+   void typeNodeIs(String8 const & qualifiedName) const;
+   bool registered() const { return registered_; }
+
+   // Attributes in identifier order, base type's first.
+   std::vector<AttrDesc> const & attributes() const;
+   AttrDesc const * attribute(AttributeId id) const;
+   AttrDesc const * attribute(std::string_view name) const;
+   std::vector<String8> const & constructorArgNames() const { return ctorArgNames_; }
+   std::vector<KelType const *> const & constructorArgTypes() const { return ctorArgTypes_; }
+
+   // Makes an instance from generic constructor arguments (a GenericIf::List);
+   // null when the type cannot be instantiated that way.
+   std::function<Ptr<GenericIf>(GenericIf const & args)> newInstance;
+   // Entities only: the same, returning the entity.
+   std::function<Ptr<Entity>(GenericIf const & args)> newEntity;
+
+   // Filled by the type's maker, before the type object is published.
+   std::vector<AttrDesc> attrs_;
+   std::vector<String8> ctorArgNames_;
+   std::vector<KelType const *> ctorArgTypes_;
+
+ private:
+   String8 name_;
+   Kind kind_;
+   KelType const * base_;
+   size_t size_;
+   uint32_t flags_ = 0;
+   mutable bool registered_ = false;
+};
+
+// Registered types by qualified name; null when none.
+KelType const * findType(std::string_view qualifiedName);
+// Every registered type, in registration order.
+std::vector<KelType const *> registeredTypes();
+
+// Receives the description of each module's types at start-up, as a nested
+// walk: namespace, type, attributes, scope exits.
+class IntrospectionReactor {
+ public:
+   virtual ~IntrospectionReactor() = default;
+   virtual void handleNameSpace(String8 const &) {}
+   virtual void handleType(KelType const *, KelType const * /*base*/) {}
+   virtual void handleAttr(String8 const &, KelType const *, uint32_t /*flags*/) {}
+   virtual void handleAttrContextExit() {}
+   virtual void handleScopeExit() {}
+   // The reactor the modules describe themselves to. The default one keeps
+   // the walk as indented text (schema()).
+   static IntrospectionReactor & global();
+   static void globalIs(IntrospectionReactor * r);
+   // The schema text kept by the default reactor.
+   static String8 schema();
+};
+
+// Runs the introspection walk for `types` (all of one namespace).
+void describeTypes(String8 const & nameSpace, std::vector<KelType const *> const & types);
+
+// Start-up log: module names in the order their initialisers ran.
+void moduleInitializedIs(const char * module);
+std::vector<String8> initializedModules();
+
+// Names of built-in types ("bool", "U8".."U64", "S8".."S64", "double",
+// "Kel::String8", ...). A library's own unit types specialise it too.
+template <class T>
+struct BuiltinName;
+template <class T>
+KelType const * builtinType();
+
+} // namespace Kel

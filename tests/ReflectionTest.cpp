@@ -1,0 +1,159 @@
+// Reflection: attributes read, written, iterated and constructed by name.
+#include "TestTypes.h"
+
+#include <Kel/GenericIf.h>
+
+#include <gtest/gtest.h>
+
+using namespace Interface;
+using Kel::GenericIf;
+using Kel::String8;
+using KelTest::Leaf;
+using KelTest::Thing;
+
+namespace {
+
+template <class T>
+GenericIf::PtrConst gen(T const & v) {
+   return Kel::toGeneric(v);
+}
+
+template <class T>
+T val(GenericIf::Ptr const & g) {
+   return Kel::fromGeneric<T>(*g, "test");
+}
+
+std::string errorOf(std::function<void()> f) {
+   try {
+      f();
+   } catch (Kel::Exception const & e) {
+      return e.message().str();
+   }
+   return "(no error)";
+}
+
+struct Count : Thing::NotifieeConst {
+   void onCount() override { ++n; }
+   int n = 0;
+};
+
+} // namespace
+
+TEST(Reflection, RecordFieldsAndConstantsByName) {
+   LoadInterval::GenericIf_ g(LoadInterval(true, 300));
+   EXPECT_EQ(val<double>(g.attribute("maxVal")), 600.0);
+   g.attributeIs("val", gen(30.0));
+   g.attributeIs("useDefault", gen(false));
+   EXPECT_EQ(g.value(), LoadInterval(false, 30));
+   EXPECT_EQ(g.strRep(), valueToStrep(LoadInterval(false, 30)));
+   EXPECT_EQ(g.attributeId("useDefault"), 258u);
+   EXPECT_EQ(g.type()->name(), String8("Interface::LoadInterval"));
+}
+
+TEST(Reflection, RecordWritesAreCheckedAndLeaveTheValueOnRefusal) {
+   LoadInterval::GenericIf_ g(LoadInterval(false, 30));
+   EXPECT_EQ(errorOf([&] { g.attributeIs("val", gen(4.0)); }),
+             "LoadInterval::val < LoadInterval::minVal or > LoadInterval::maxVal not allowed");
+   EXPECT_EQ(errorOf([&] { g.attributeIs("val", gen(uint32_t(30))); }),
+             "wrong type of value for val");
+   EXPECT_EQ(errorOf([&] { g.attributeIs("minVal", gen(1.0)); }),
+             "operation set is not supported by attribute minVal");
+   EXPECT_EQ(errorOf([&] { g.attributeAt("val", gen(1.0)); }),
+             "attribute val is not a collection and cannot be indexed");
+   EXPECT_EQ(errorOf([&] { g.attributeId("bogus"); }), "LoadInterval has no such attribute: bogus");
+   EXPECT_EQ(g.value(), LoadInterval(false, 30));
+
+   LoadInterval::GenericIf_ ro(LoadInterval(false, 30), true);
+   EXPECT_EQ(errorOf([&] { ro.attributeIs("val", gen(40.0)); }),
+             "attempting to modify a const instance");
+   EXPECT_EQ(ro.value().val(), 30.0);
+   EXPECT_EQ(val<double>(ro.attribute("val")), 30.0);
+}
+
+TEST(Reflection, ListConstructorFillsFieldsInOrder) {
+   auto const * t = LoadInterval::_fwkType();
+   GenericIf::List args({gen(false), gen(45.0)});
+   auto v = t->newInstance(args);
+   EXPECT_EQ(val<LoadInterval>(v), LoadInterval(false, 45));
+   GenericIf::List shorter({gen(false)});
+   EXPECT_EQ(val<LoadInterval>(t->newInstance(shorter)), LoadInterval(false, 300));
+   GenericIf::List tooMany({gen(false), gen(45.0), gen(1.0)});
+   EXPECT_EQ(errorOf([&] { t->newInstance(tooMany); }),
+             "arguments do not fit the attributes of LoadInterval");
+   GenericIf::List wrong({gen(1.0)});
+   EXPECT_EQ(errorOf([&] { t->newInstance(wrong); }), "wrong type of value for useDefault");
+   EXPECT_EQ(errorOf([&] { t->newInstance(*gen(1.0)); }), "wrong type of value for LoadInterval");
+}
+
+TEST(Reflection, EntitySetGoesThroughTheMutator) {
+   auto thing = Kel::makePtr<Thing>(1);
+   auto c = Kel::makePtr<Count>();
+   c->notifierIs(thing);
+   Thing::GenericIf_ g(thing);
+   g.attributeIs("count", gen(uint32_t(9)));
+   g.attributeIs("count", gen(uint32_t(9)));  // equal: no notification
+   EXPECT_EQ(thing->count(), 9u);
+   EXPECT_EQ(c->n, 1);
+   EXPECT_EQ(val<uint32_t>(g.attribute("doubled")), 18u);
+   EXPECT_EQ(val<uint32_t>(g.attribute("answer")), 42u);
+   EXPECT_EQ(val<uint32_t>(g.attribute("id")), 1u);
+   EXPECT_EQ(errorOf([&] { g.attributeIs("id", gen(uint32_t(2))); }),
+             "operation set is not supported by attribute id");
+   Thing::GenericIf_ ro(thing, true);
+   EXPECT_EQ(errorOf([&] { ro.attributeIs("count", gen(uint32_t(1))); }),
+             "attempting to modify a const instance");
+}
+
+TEST(Reflection, EntityPointerAttributesCheckTheTargetType) {
+   auto thing = Kel::makePtr<Thing>(1);
+   auto leaf = Kel::makePtr<Leaf>(Zenet::IntfId("Ethernet1"));
+   Thing::GenericIf_ g(thing);
+   g.attributeIs("peer", gen(Leaf::PtrConst(leaf)));
+   EXPECT_EQ(thing->peer(), leaf);
+   EXPECT_EQ(errorOf([&] { g.attributeIs("peer", gen(thing)); }), "wrong type of value for peer");
+   EXPECT_EQ(errorOf([&] { g.attributeIs("must", gen(Leaf::Ptr())); }),
+             "null _must parameter to mutator for KelTest::Thing::must not allowed\"");
+}
+
+TEST(Reflection, CollectionsIndexSetDeleteAndIterate) {
+   auto thing = Kel::makePtr<Thing>(1);
+   Thing::GenericIf_ g(thing);
+   Kel::AttributeId id = g.attributeId("requestor");
+   for (const char * k : {"a", "b", "c"}) {
+      GenericIf::List kv({gen(String8(k)), gen(true)});
+      g.attributeOp({Kel::AttributeOp::indexSet, id}, GenericIf::PtrConst(new GenericIf::List(kv)),
+                    nullptr);
+   }
+   EXPECT_TRUE(val<bool>(g.attributeAt("requestor", gen(String8("b")))));
+   g.attributeOp({Kel::AttributeOp::del, id}, gen(String8("b")), nullptr);
+   EXPECT_EQ(thing->requestorSize(), 2u);
+   int n = 0;
+   for (auto it = g.attributeIteratorConst(id); it->nonNull(); it->iterInc()) {
+      EXPECT_TRUE(thing->requestor(val<String8>(it->iterKey())));
+      EXPECT_TRUE(val<bool>(it->iterObj()));
+      it->iterDel();
+      ++n;
+   }
+   EXPECT_EQ(n, 2);
+   EXPECT_EQ(thing->requestorSize(), 0u);
+}
+
+TEST(Reflection, TypeObjectsDescribeAttributesAndMakeEntities) {
+   auto const * t = KelTest::SubThing::_fwkType();
+   EXPECT_TRUE(t->isA(Thing::_fwkType()));
+   EXPECT_TRUE(t->isA(Kel::Entity::_fwkType()));
+   EXPECT_FALSE(Thing::_fwkType()->isA(t));
+   ASSERT_TRUE(t->attribute("extra"));
+   EXPECT_EQ(t->attribute("extra")->id, Thing::kelAttrEnd);
+   EXPECT_EQ(t->attribute("count")->id, Thing::kelId_count);  // inherited
+   EXPECT_EQ(t->constructorArgNames().size(), 0u);
+   auto const * tt = Thing::_fwkType();
+   ASSERT_EQ(tt->constructorArgNames().size(), 1u);
+   EXPECT_EQ(tt->constructorArgNames()[0], String8("id"));
+   auto e = tt->newEntity(GenericIf::List({gen(uint32_t(5))}));
+   ASSERT_TRUE(e);
+   EXPECT_EQ(e->fwkType(), tt);
+   EXPECT_EQ(Kel::dynamicCast<Thing>(e)->id(), 5u);
+   EXPECT_EQ(IntfOperStatus(1), IntfOperStatus::intfOperUp);
+   EXPECT_EQ(_fwkType_IntfOperStatus()->name(), String8("Interface::IntfOperStatus"));
+}
