@@ -111,6 +111,7 @@ TEST(Reflection, EntityPointerAttributesCheckTheTargetType) {
    g.attributeIs("peer", gen(Leaf::PtrConst(leaf)));
    EXPECT_EQ(thing->peer(), leaf);
    EXPECT_EQ(errorOf([&] { g.attributeIs("peer", gen(thing)); }), "wrong type of value for peer");
+   g.attributeIs("must", gen(leaf));
    EXPECT_EQ(errorOf([&] { g.attributeIs("must", gen(Leaf::Ptr())); }),
              "null _must parameter to mutator for KelTest::Thing::must not allowed\"");
 }

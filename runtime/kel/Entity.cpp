@@ -3,12 +3,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <unordered_map>
 #include <vector>
 
 namespace Kel {
 
 namespace detail {
 bool threadSafePointers = false;
+thread_local bool applyingReplicaUpdate = false;
 } // namespace detail
 
 void VFPtrInterface::enableThreadSafePointers() { detail::threadSafePointers = true; }
@@ -27,13 +29,15 @@ void PtrInterface::kelLastReferenceGone() {
 // --- ReactorList ---------------------------------------------------------------
 
 void ReactorList::bind(Entity *, void * r, bool registered) {
+   if (nbound_ == 0xffff) throwRangeException("too many reactors on one entity");
    if (nbound_ == cap_) {
-      uint32_t cap = cap_ ? cap_ * 2 : 2;
+      uint32_t cap = cap_ ? uint32_t(cap_) * 2 : 2;
+      if (cap > 0xffff) cap = 0xffff;
       void ** d = static_cast<void **>(::operator new(cap * sizeof(void *)));
       if (nbound_) std::memcpy(d, data_, nbound_ * sizeof(void *));
       ::operator delete(data_);
       data_ = d;
-      cap_ = cap;
+      cap_ = uint16_t(cap);
    }
    data_[nbound_++] = r;
    if (registered) setRegistered(r, true);
@@ -105,7 +109,46 @@ SnapshotIterator::~SnapshotIterator() {
 
 // --- Entity ----------------------------------------------------------------------
 
+namespace {
+
+// Peers of read-only replicas, by entity.
+std::unordered_map<Entity const *, String8> & proxyPeers() {
+   static auto * m = new std::unordered_map<Entity const *, String8>;
+   return *m;
+}
+
+} // namespace
+
+void Entity::kelReadOnlyProxyIs(String8 const & peer) {
+   reactors_.ownerFlags_ |= readOnlyFlag;
+   proxyPeers()[this] = peer;
+}
+
+void Entity::kelRefuseWrite() const {
+   if (detail::applyingReplicaUpdate) return;
+   auto it = proxyPeers().find(this);
+   throwInternalException(String8("write-update from readonly proxy: ") + fullName() +
+                          " peerName: " + (it == proxyPeers().end() ? String8() : it->second));
+}
+
+Kel::Ptr<Entity> Entity::entity(std::string_view path) const {
+   Kel::Ptr<Entity> cur(const_cast<Entity *>(this));
+   while (!path.empty() && cur) {
+      size_t slash = path.find('/');
+      std::string_view name = path.substr(0, slash);
+      path = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
+      if (name.empty() || name == ".") continue;
+      if (name == "..") {
+         cur = cur->parent_;
+         continue;
+      }
+      cur = cur->kelChildNamed(name);
+   }
+   return cur;
+}
+
 Entity::~Entity() {
+   if (reactors_.ownerFlags_ & readOnlyFlag) proxyPeers().erase(this);
    // Unbind whoever is still bound, so no reactor keeps a dangling notifier.
    while (reactors_.bound()) {
       auto * r = static_cast<Entity::NotifieeConst *>(reactors_.data_[0]);

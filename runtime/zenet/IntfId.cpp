@@ -102,13 +102,16 @@ bool parseIntfName(std::string_view name, IntfId * out, Kel::String8 * reason) {
       *out = IntfId();
       return true;
    }
-   if (name.size() > 7 && name.substr(0, 9) == "IntfId(0x" && name.back() == ')') {
+   if (name.substr(0, 9) == "IntfId(0x" && name.back() == ')') {
+      // Only the form stringValue prints: 16 lowercase hex digits of a word
+      // without a name, so that each identifier has one text.
       std::string_view hex = name.substr(9, name.size() - 10);
       uint64_t v = 0;
-      auto r = std::from_chars(hex.data(), hex.data() + hex.size(), v, 16);
-      if (hex.empty() || r.ec != std::errc() || r.ptr != hex.data() + hex.size()) {
-         return fail("malformed raw identifier");
-      }
+      bool ok = hex.size() == 16;
+      for (char c : hex) ok = ok && ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'));
+      if (!ok) return fail("malformed raw identifier");
+      std::from_chars(hex.data(), hex.data() + hex.size(), v, 16);
+      if (IntfId(v).hasName()) return fail("raw form of an identifier that has a name");
       *out = IntfId(v);
       return true;
    }

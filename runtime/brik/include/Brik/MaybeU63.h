@@ -3,6 +3,7 @@
 // cannot always report (octets out, discards out) use it.
 #pragma once
 
+#include <Kel/NboAttrLog.h>
 #include <Kel/Text.h>
 #include <Kel/Type.h>
 
@@ -60,4 +61,11 @@ struct Kel::Text<Brik::MaybeU63> {
 template <>
 struct Kel::BuiltinName<Brik::MaybeU63> {
    static constexpr const char * value = "Brik::MaybeU63";
+};
+
+// On the attribute log: the stored word, top bit included.
+template <>
+struct Kel::NboAttrLog::Nbo<Brik::MaybeU63> {
+   static void write(Out & o, Brik::MaybeU63 v, RefCodec *) { o.putU64(v.word()); }
+   static Brik::MaybeU63 read(In & i, RefCodec *) { return Brik::MaybeU63::fromWord(i.nextU64()); }
 };

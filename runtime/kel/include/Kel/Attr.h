@@ -43,9 +43,12 @@
 
 #include <Kel/Entity.h>
 #include <Kel/HashMap.h>
+#include <Kel/NboAttrLog.h>
 #include <Kel/Value.h>
 
+#include <set>
 #include <tuple>
+#include <vector>
 
 namespace Kel {
 
@@ -72,21 +75,25 @@ using MemberBase = typename MemberBaseOf<MapT, K, V>::type;
 
 // No-op rule: store only a different value. Entity pointers compare by
 // identity, records by their operator==, doubles by == (NaN always differs).
+// A replica refuses the write before anything changes.
 template <class F, class V>
-inline bool setField(F & field, V const & v) {
+inline bool setField(F & field, V const & v, Entity const * owner) {
    if (field == v) return false;
+   owner->kelCheckWritable();
    field = v;
    return true;
 }
 
 // Inserts or changes a keyed value; false when the key already held `v`.
 template <class MapT, class K, class V>
-bool collSet(MapT & m, K const & k, V const & v) {
+bool collSet(MapT & m, K const & k, V const & v, Entity const * owner) {
    if (auto * mem = m.find(k)) {
       if (mem->value == v) return false;
+      owner->kelCheckWritable();
       mem->value = v;
       return true;
    }
+   owner->kelCheckWritable();
    m.insert(k, v);
    return true;
 }
@@ -143,8 +150,9 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_INFO_(kind, name, ...) ::Kel::AttrInfo{#name, kelId_##name, ::Kel::AttrKind::kind},
 
 // ---- constructor-parameter descriptors (instantiating collections compare them) ------------
-#define KEL_EA_CTORF_Ctor(name, Name, Type) \
-   , std::make_tuple(::Kel::FieldDesc<KelSelf, Type const>{#name, &KelSelf::name##_})
+#define KEL_EA_CTORF_Ctor(name, Name, Type)                                           \
+   , std::make_tuple(                                                                 \
+         ::Kel::FieldDesc<KelSelf, Type const>{#name, &KelSelf::name##_, kelId_##name})
 #define KEL_EA_CTORF_(kind, name, ...) KEL_EA_CTORF_IF_##kind(name, __VA_ARGS__)
 #define KEL_EA_CTORF_IF_Ctor(name, ...) KEL_EA_CTORF_Ctor(name, __VA_ARGS__)
 #define KEL_EA_CTORF_IF_Scalar(...)
@@ -174,6 +182,40 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_CB_Const(Name, ...)
 #define KEL_EA_CB_Hook(Name, ...)
 
+// ---- children: owning collections, by name and all -------------------------------------------
+#define KEL_EA_CHILD_(kind, name, ...) KEL_EA_CHILD_##kind(name)
+#define KEL_EA_CHILD_OWNED_(an)                                                       \
+   for (auto * m = an##_.first(); m; m = an##_.next(m)) {                             \
+      if (m->value && m->value->name() == n) return m->value;                         \
+   }
+#define KEL_EA_CHILD_EntColl(name) KEL_EA_CHILD_OWNED_(name)
+#define KEL_EA_CHILD_InstColl(name) KEL_EA_CHILD_OWNED_(name)
+#define KEL_EA_CHILD_Ctor(name)
+#define KEL_EA_CHILD_Scalar(name)
+#define KEL_EA_CHILD_Ptr(name)
+#define KEL_EA_CHILD_WriteOnce(name)
+#define KEL_EA_CHILD_Local(name)
+#define KEL_EA_CHILD_Coll(name)
+#define KEL_EA_CHILD_RefColl(name)
+#define KEL_EA_CHILD_Derived(name)
+#define KEL_EA_CHILD_Const(name)
+#define KEL_EA_CHILD_Hook(name)
+#define KEL_EA_EACH_(kind, name, ...) KEL_EA_EACH_##kind(name)
+#define KEL_EA_EACH_OWNED_(name) \
+   for (auto * m = name##_.first(); m; m = name##_.next(m)) fn(ctx, m->value.ptr());
+#define KEL_EA_EACH_EntColl(name) KEL_EA_EACH_OWNED_(name)
+#define KEL_EA_EACH_InstColl(name) KEL_EA_EACH_OWNED_(name)
+#define KEL_EA_EACH_Ctor(name)
+#define KEL_EA_EACH_Scalar(name)
+#define KEL_EA_EACH_Ptr(name)
+#define KEL_EA_EACH_WriteOnce(name)
+#define KEL_EA_EACH_Local(name)
+#define KEL_EA_EACH_Coll(name)
+#define KEL_EA_EACH_RefColl(name)
+#define KEL_EA_EACH_Derived(name)
+#define KEL_EA_EACH_Const(name)
+#define KEL_EA_EACH_Hook(name)
+
 // ---- clearing the back pointers of owned children when the owner goes ---------------------
 #define KEL_EA_DETACH_(kind, name, ...) KEL_EA_DETACH_##kind(name)
 #define KEL_EA_DETACH_OWNED_(name) \
@@ -191,6 +233,66 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_DETACH_Const(name)
 #define KEL_EA_DETACH_Hook(name)
 
+
+
+// ---- replication descriptors ---------------------------------------------------------------
+#define KEL_EA_LOG_SCALAR_(an, T)                                                     \
+   d.logWrite = [](void const * o, ::Kel::NboAttrLog::Out & out,                      \
+                   ::Kel::NboAttrLog::RefCodec * rc) {                                \
+      ::Kel::NboAttrLog::Nbo<T>::write(out, KEL_EA_SELF_->an##_, rc);                 \
+   };                                                                                 \
+   d.logRead = [](void * o, ::Kel::NboAttrLog::In & in, ::Kel::NboAttrLog::RefCodec * rc) { \
+      KEL_EA_MSELF_->an##Is(::Kel::NboAttrLog::Nbo<T>::read(in, rc));                  \
+   };
+// APPLY(k, v) inserts or changes one member on the reader.
+#define KEL_EA_LOG_COLL_(an, Key, Value, APPLY)                                       \
+   d.logEncodeKey = [](void const * k, ::Kel::NboAttrLog::Out & out) {                \
+      ::Kel::NboAttrLog::Nbo<Key>::write(out, *static_cast<Key const *>(k), nullptr); \
+   };                                                                                 \
+   d.logWriteMember = [](void const * o, ::Kel::NboAttrLog::In & kb,                  \
+                         ::Kel::NboAttrLog::Out & out, ::Kel::NboAttrLog::RefCodec * rc) { \
+      Key k = ::Kel::NboAttrLog::Nbo<Key>::read(kb, nullptr);                         \
+      ::Kel::NboAttrLog::Nbo<Key>::write(out, k, nullptr);                            \
+      auto * m = KEL_EA_SELF_->an##_.find(k);                                         \
+      out.put(m != nullptr);                                                          \
+      if (m) ::Kel::NboAttrLog::Nbo<Value>::write(out, m->value, rc);                 \
+   };                                                                                 \
+   d.logReadMember = [](void * o, ::Kel::NboAttrLog::In & in,                         \
+                        ::Kel::NboAttrLog::RefCodec * rc) {                           \
+      Key k = ::Kel::NboAttrLog::Nbo<Key>::read(in, nullptr);                         \
+      if (in.nextbool()) {                                                            \
+         Value v = ::Kel::NboAttrLog::Nbo<Value>::read(in, rc);                       \
+         APPLY(k, v);                                                                 \
+      } else {                                                                        \
+         KEL_EA_MSELF_->an##Del(k);                                                   \
+      }                                                                               \
+   };                                                                                 \
+   d.logWriteAll = [](void const * o, ::Kel::NboAttrLog::Out & out,                   \
+                      ::Kel::NboAttrLog::RefCodec * rc) {                             \
+      auto const & c = KEL_EA_SELF_->an##_;                                           \
+      out.putU32(c.size());                                                           \
+      for (auto * m = c.first(); m; m = c.next(m)) {                                  \
+         ::Kel::NboAttrLog::Nbo<Key>::write(out, m->key, nullptr);                    \
+         ::Kel::NboAttrLog::Nbo<Value>::write(out, m->value, rc);                     \
+      }                                                                               \
+   };                                                                                 \
+   d.logReadAll = [](void * o, ::Kel::NboAttrLog::In & in, ::Kel::NboAttrLog::RefCodec * rc) { \
+      std::set<Key, ::Kel::KeyLess> seen;                                             \
+      for (uint32_t n = in.nextU32(); n > 0; --n) {                                   \
+         Key k = ::Kel::NboAttrLog::Nbo<Key>::read(in, nullptr);                      \
+         Value v = ::Kel::NboAttrLog::Nbo<Value>::read(in, rc);                       \
+         APPLY(k, v);                                                                 \
+         seen.insert(k);                                                              \
+      }                                                                               \
+      /* Members the writer no longer has go. */                                      \
+      std::vector<Key> gone;                                                          \
+      auto const & c = KEL_EA_MSELF_->an##_;                                          \
+      for (auto * m = c.first(); m; m = c.next(m)) {                                  \
+         if (!seen.count(m->key)) gone.push_back(m->key);                             \
+      }                                                                               \
+      for (auto const & k : gone) KEL_EA_MSELF_->an##Del(k);                          \
+   };
+#define KEL_EA_APPLY_SET_(an) [&](auto const & k, auto const & v) { KEL_EA_MSELF_->an##Is(k, v); }
 
 // ---- reflection descriptors ------------------------------------------------------------------
 // One AttrDesc per row; the lambdas call the ordinary accessors and mutators.
@@ -231,21 +333,24 @@ void checkReinstantiate(T const & child, A const &... args) {
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
       KEL_EA_DESC_HEAD_(an, Scalar, ::Kel::attrWritable | ::Kel::attrNotifying, Type) \
-      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, Type) v.push_back(d);             \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, Type) KEL_EA_LOG_SCALAR_(an, Type)   \
+      v.push_back(d);                                                                 \
    }
 #define KEL_EA_DESC_Ptr(an, Name, Target, nullable)                                 \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
       KEL_EA_DESC_HEAD_(an, Ptr, ::Kel::attrWritable | ::Kel::attrNotifying,        \
                         ::Kel::Ptr<Target>)                                           \
-      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>) v.push_back(d); \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>)                   \
+      KEL_EA_LOG_SCALAR_(an, ::Kel::Ptr<Target>) v.push_back(d);                      \
    }
 #define KEL_EA_DESC_WriteOnce(an, Name, Target)                                     \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
       KEL_EA_DESC_HEAD_(an, WriteOnce, ::Kel::attrWritable | ::Kel::attrNotifying,  \
                         ::Kel::Ptr<Target>)                                           \
-      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>) v.push_back(d); \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>)                   \
+      KEL_EA_LOG_SCALAR_(an, ::Kel::Ptr<Target>) v.push_back(d);                      \
    }
 #define KEL_EA_DESC_Local(an, Name, Target)                                         \
    {                                                                                  \
@@ -264,6 +369,7 @@ void checkReinstantiate(T const & child, A const &... args) {
          KEL_EA_MSELF_->an##Is(::Kel::fromGeneric<Key>(k, #an),                   \
                                  ::Kel::fromGeneric<Value>(x, #an));                \
       };                                                                              \
+      KEL_EA_LOG_COLL_(an, Key, Value, KEL_EA_APPLY_SET_(an))                         \
       v.push_back(d);                                                                 \
    }
 #define KEL_EA_DESC_EntColl(an, Name, MapT, Key, T, keyAttr)                        \
@@ -273,7 +379,12 @@ void checkReinstantiate(T const & child, A const &... args) {
                         ::Kel::attrCollection | ::Kel::attrWritable | ::Kel::attrNotifying, \
                         ::Kel::Ptr<T>)                                                \
       KEL_EA_DESC_COLL_(an, Key, ::Kel::Ptr<T>)                                     \
-      KEL_EA_DESC_SET_(an, ::Kel::Ptr<T>) v.push_back(d);                           \
+      KEL_EA_DESC_SET_(an, ::Kel::Ptr<T>)                                             \
+      KEL_EA_LOG_COLL_(an, Key, ::Kel::Ptr<T>, [&](auto const & k, auto const & v) {  \
+         if (!v || !(v->keyAttr() == k)) ::Kel::throwRangeException("Entity is the wrong type"); \
+         KEL_EA_MSELF_->an##Is(v);                                                    \
+      })                                                                              \
+      v.push_back(d);                                                                 \
    }
 #define KEL_EA_DESC_RefColl(an, Name, MapT, Key, T)                                 \
    {                                                                                  \
@@ -286,6 +397,7 @@ void checkReinstantiate(T const & child, A const &... args) {
          KEL_EA_MSELF_->an##Is(::Kel::fromGeneric<Key>(k, #an),                   \
                                  ::Kel::fromGeneric<::Kel::Ptr<T>>(x, #an));        \
       };                                                                              \
+      KEL_EA_LOG_COLL_(an, Key, ::Kel::Ptr<T>, KEL_EA_APPLY_SET_(an))                 \
       v.push_back(d);                                                                 \
    }
 #define KEL_EA_DESC_InstColl(an, Name, MapT, Key, T)                                \
@@ -296,6 +408,10 @@ void checkReinstantiate(T const & child, A const &... args) {
                             ::Kel::attrNotifying,                                     \
                         ::Kel::Ptr<T>)                                                \
       KEL_EA_DESC_COLL_(an, Key, ::Kel::Ptr<T>)                                     \
+      KEL_EA_LOG_COLL_(an, Key, ::Kel::Ptr<T>, [&](auto const & k, auto const & v) {  \
+         if (!v) ::Kel::throwRangeException("Entity is the wrong type");              \
+         KEL_EA_MSELF_->kelInsert##Name(k, v);                                        \
+      })                                                                              \
       v.push_back(d);                                                                 \
    }
 #define KEL_EA_DESC_Derived(an, Name, Type)                                         \
@@ -371,7 +487,7 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_API_Scalar(name, Name, Type, dflt)                                     \
    ::Kel::Ret<Type> name() const { return name##_; }                                  \
    virtual void name##Is(Type const & v) {                                            \
-      if (!::Kel::setField(name##_, v)) return;                                       \
+      if (!::Kel::setField(name##_, v, this)) return;                                 \
       kelModified();                                                                  \
       KEL_EA_NOTIFY_(Name, kelId_##name);                                             \
    }
@@ -383,8 +499,9 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_API_Ptr(name, Name, Target, nullable)                                  \
    ::Kel::Ptr<Target> name() const { return name##_; }                                \
    virtual void name##Is(::Kel::Ptr<Target> const & v) {                              \
+      if (name##_ == v) return; /* the no-op rule comes first */                      \
       KEL_EA_NULLCHECK_##nullable(name)                                               \
-      if (!::Kel::setField(name##_, v)) return;                                       \
+      if (!::Kel::setField(name##_, v, this)) return;                                 \
       kelModified();                                                                  \
       KEL_EA_NOTIFY_(Name, kelId_##name);                                             \
    }
@@ -396,6 +513,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    }                                                                                  \
    virtual void name##Is(::Kel::Ptr<Target> const & v) {                              \
       if (name##_ == v) return;                                                       \
+      kelCheckWritable();                                                             \
       ::Kel::Ptr<Target> prev = name##_;                                              \
       name##_ = v;                                                                    \
       kelModified();                                                                  \
@@ -422,6 +540,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    uint32_t name##Size() const { return name##_.size(); }                             \
    virtual void name##Del(Key const & k) {                                            \
       if (auto * m = name##_.find(k)) {                                               \
+         kelCheckWritable();                                                          \
          kelDetach(m->value);                                                         \
          name##_.erase(m);                                                            \
          kelModified();                                                               \
@@ -431,6 +550,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    virtual void name##Del(Name##Iterator & it) {                                      \
       auto * m = it.member();                                                         \
       if (!m || !m->inTable) return;                                                  \
+      kelCheckWritable();                                                             \
       Key k = m->key;                                                                 \
       kelDetach(m->value);                                                            \
       name##_.erase(m);                                                               \
@@ -449,7 +569,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    }                                                                                  \
    KEL_EA_COLL_COMMON_(name, Name, MapT, Key, Value)                                   \
    virtual void name##Is(Key const & k, Value const & v) {                            \
-      if (!::Kel::collSet(name##_, k, v)) return;                                     \
+      if (!::Kel::collSet(name##_, k, v, this)) return;                               \
       kelModified();                                                                  \
       name##Notify(k);                                                                \
    }
@@ -479,6 +599,7 @@ void checkReinstantiate(T const & child, A const &... args) {
       Key k = v->keyAttr();                                                           \
       auto * m = name##_.find(k);                                                     \
       if (m && m->value == v) return;                                                 \
+      kelCheckWritable();                                                             \
       name##New(v);                                                                   \
       kelModified();                                                                  \
       name##Notify(k);                                                                \
@@ -489,7 +610,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    KEL_EA_COLL_COMMON_(name, Name, MapT, Key, ::Kel::Ptr<T>)                           \
    void name##Is(Key const & k, ::Kel::Ptr<T> const & v) {                            \
       if (!v) ::Kel::throwNullParameter("_" #name, kelTypeName);                      \
-      if (!::Kel::collSet(name##_, k, v)) return;                                     \
+      if (!::Kel::collSet(name##_, k, v, this)) return;                               \
       kelModified();                                                                  \
       name##Notify(k);                                                                \
    }
@@ -500,12 +621,24 @@ void checkReinstantiate(T const & child, A const &... args) {
    /* Constructs the child from the key and further constructor arguments. */         \
    template <class... A>                                                              \
    ::Kel::Ptr<T> new##Name(Key const & k, A const &... a) {                           \
+      kelCheckWritable();                                                             \
       ::Kel::Ptr<T> v(new T(k, a...));                                                \
+      kelInsert##Name(k, v);                                                          \
+      return v;                                                                       \
+   }                                                                                  \
+   /* Inserts a child made elsewhere (a replayed creation) under its key. */          \
+   void kelInsert##Name(Key const & k, ::Kel::Ptr<T> const & v) {                     \
+      if (auto * m = name##_.find(k); m && m->value == v) return;                     \
+      kelCheckWritable();                                                             \
       v->parentIs(this);                                                              \
-      name##_.insert(k, v);                                                           \
+      if (auto * m = name##_.find(k)) {                                               \
+         kelDetach(m->value);                                                         \
+         m->value = v;                                                                \
+      } else {                                                                        \
+         name##_.insert(k, v);                                                        \
+      }                                                                               \
       kelModified();                                                                  \
       name##Notify(k);                                                                \
-      return v;                                                                       \
    }                                                                                  \
    /* Finds the child for the key or constructs it; a differing further */            \
    /* constructor argument is refused. */                                             \
@@ -556,6 +689,14 @@ void checkReinstantiate(T const & child, A const &... args) {
       return t;                                                                       \
    }                                                                                  \
    ::Kel::KelType const * fwkType() const override { return _fwkType(); }            \
+   ::Kel::Ptr<::Kel::Entity> kelChildNamed(std::string_view n) const override {       \
+      ATTRS(KEL_EA_CHILD_)                                                            \
+      return Base::kelChildNamed(n);                                                  \
+   }                                                                                  \
+   void kelForEachChild(void (*fn)(void *, ::Kel::Entity *), void * ctx) const override { \
+      Base::kelForEachChild(fn, ctx);                                                 \
+      ATTRS(KEL_EA_EACH_)                                                             \
+   }                                                                                  \
    class NotifieeConst : public Base::NotifieeConst {                                 \
     public:                                                                           \
       using Ptr = ::Kel::Ptr<NotifieeConst>;                                          \

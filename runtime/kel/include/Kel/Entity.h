@@ -51,7 +51,9 @@ class ReactorList {
    void ** data_ = nullptr;
    uint16_t nreg_ = 0;
    uint16_t nbound_ = 0;
-   uint32_t cap_ = 0;
+   uint16_t cap_ = 0;
+   // Flags of the owning entity, kept here where the word has room.
+   uint8_t ownerFlags_ = 0;
 };
 
 // Strong references to the registered reactors at one instant.
@@ -119,8 +121,29 @@ class Entity : public PtrInterface {
    static KelType const * _fwkType();
    virtual KelType const * fwkType() const { return _fwkType(); }
 
+   // The child of this entity with the given name (in any owning
+   // collection); null when none.
+   virtual Kel::Ptr<Entity> kelChildNamed(std::string_view) const { return nullptr; }
+   // Every child in an owning collection.
+   virtual void kelForEachChild(void (*fn)(void * ctx, Entity * child), void * ctx) const {
+      (void)fn;
+      (void)ctx;
+   }
+   // Looks up a "/"-separated path of child names below this entity; ""
+   // is this entity. Null when a name is missing.
+   Kel::Ptr<Entity> entity(std::string_view path) const;
+
+   // A replica of an entity served by another process: local writes are
+   // refused. peer names the process it comes from.
+   bool isReadOnlyProxy() const { return reactors_.ownerFlags_ & readOnlyFlag; }
+   void kelReadOnlyProxyIs(String8 const & peer);
+
    // --- used by the generated pattern -----------------------------------
    void kelModified() { ++kelSpare_; }
+   // Every mutator asks before it changes anything.
+   void kelCheckWritable() const {
+      if (reactors_.ownerFlags_ & readOnlyFlag) kelRefuseWrite();
+   }
    bool kelHasReactors() const { return reactors_.registered() != 0; }
 
    // Calls (reactor->*Fn)(args...) on a snapshot of the registered reactors
@@ -140,7 +163,9 @@ class Entity : public PtrInterface {
 
  private:
    friend class NotifieeConst;
+   static constexpr uint8_t readOnlyFlag = 1;
    static void kelDeliverException(PtrInterface::NotifieeConst * r, AttributeId id);
+   void kelRefuseWrite() const;
 
    Entity * parent_ = nullptr;
    Name name_;
@@ -163,16 +188,29 @@ class Entity::NotifieeConst : public PtrInterface::NotifieeConst {
    // Depth in the entity type chain of the type this reactor observes.
    uint8_t kelDepth() const { return depth_; }
 
+   // A generic reactor hears every attribute of its entity, whatever the
+   // entity's type, through kelOnAttribute instead of the typed callbacks
+   // (replication and reflection adapters are generic).
+   bool kelGeneric() const { return generic_; }
+   // `key` points at the collection key for a collection attribute, else null.
+   virtual void kelOnAttribute(AttributeId id, void const * key) {
+      (void)key;
+      onAttribute(id);
+   }
+   virtual void onAttribute(AttributeId) {}
+
  protected:
    void kelNotifierIs(Entity const * e);
    Entity * kelNotifierRaw() const { return notifier_; }
    void kelDepthIs(uint8_t d) { depth_ = d; }
+   void kelGenericIs(bool g) { generic_ = g; }
 
  private:
    friend class Entity;
    friend class ReactorList;
    Entity * notifier_ = nullptr;
    bool wantRegistered_ = true;
+   bool generic_ = false;
    uint8_t depth_ = 0;
 };
 
@@ -186,6 +224,12 @@ inline PtrInterface::NotifieeConst * ReactorList::operator[](uint32_t i) const {
    return static_cast<Entity::NotifieeConst *>(data_[i]);
 }
 
+inline void const * kelFirstArg() { return nullptr; }
+template <class K>
+void const * kelFirstArg(K const & k) {
+   return &k;
+}
+
 template <class N, auto Fn, class... A>
 void Entity::kelNotify(AttributeId id, A const &... args) const {
    // Keep this entity alive across callbacks that may drop the last outside
@@ -195,10 +239,14 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
    for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
       auto * r = static_cast<Entity::NotifieeConst *>(snap.take(i));
       // Only the snapshot holds it: released or deregistered meanwhile.
-      if (r->references() != 1 && r->kelDepth() >= N::kelTypeDepth) {
+      if (r->references() != 1) {
          Expect expect(Exception::notificationId);
          try {
-            (static_cast<N *>(r)->*Fn)(args...);
+            if (r->kelGeneric()) {
+               r->kelOnAttribute(id, kelFirstArg(args...));
+            } else if (r->kelDepth() >= N::kelTypeDepth) {
+               (static_cast<N *>(r)->*Fn)(args...);
+            }
          } catch (...) {
             kelDeliverException(r, id);
          }

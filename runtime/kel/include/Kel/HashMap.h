@@ -104,6 +104,7 @@ class CollIterator {
    CollIterator() = default;
    CollIterator(Map const * m, Member * n) : map_(m), n_(n) { if (n_) ++n_->refs; }
    CollIterator(CollIterator const & o) : CollIterator(o.map_, o.n_) {}
+   CollIterator(CollIterator && o) noexcept : map_(o.map_), n_(o.n_) { o.n_ = nullptr; }
    CollIterator & operator=(CollIterator const & o) {
       CollIterator t(o);
       std::swap(map_, t.map_);

@@ -16,6 +16,9 @@ namespace detail {
 // Set once by VFPtrInterface::enableThreadSafePointers(); read on every count
 // change. Counts are plain integers until then.
 extern bool threadSafePointers;
+// Set while a replication stream applies an update to a replica, which
+// lifts the replica's refusal of writes for that update.
+extern thread_local bool applyingReplicaUpdate;
 } // namespace detail
 
 // A counted object. The count starts at 0; the first Ptr takes it to 1.

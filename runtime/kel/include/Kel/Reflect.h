@@ -4,6 +4,7 @@
 #pragma once
 
 #include <Kel/GenericIf.h>
+#include <Kel/NboAttrLog.h>
 #include <Kel/Value.h>
 
 #include <algorithm>
@@ -185,8 +186,52 @@ KelType const * makeEntityType() {
    KelType const * base = E::KelBase::_fwkType();
    auto * t = new KelType(E::kelTypeName, KelType::Kind::entity, base, sizeof(E));
    t->attrs_ = base->attributes();
-   for (AttrDesc const & d : E::kelAttrDescs()) t->attrs_.push_back(d);
+   // Dirty bits: one set per type level; bit 0 stays unused, the replicated
+   // attributes take bits 1, 2, ... in declaration order (a collection's bit
+   // is its has-synced bit).
+   t->logSets = uint8_t(E::kelDepth);
+   uint8_t bit = 1;
+   for (AttrDesc d : E::kelAttrDescs()) {
+      if (d.replicated()) {
+         d.logSet = uint8_t(E::kelDepth - 1);
+         d.logBit = bit++;
+      }
+      t->attrs_.push_back(d);
+   }
    constexpr auto ctor = E::kelCtorFields();
+   if constexpr (std::tuple_size_v<decltype(ctor)> > 0) {
+      t->logWriteCtor = [](Entity const * e, NboAttrLog::Out & out, NboAttrLog::RefCodec * rc) {
+         E const * self = static_cast<E const *>(e);
+         std::apply(
+             [&](auto const &... f) {
+                (NboAttrLog::Nbo<std::remove_const_t<typename std::decay_t<decltype(f)>::Type>>::
+                     write(out, self->*(f.member), rc),
+                 ...);
+             },
+             E::kelCtorFields());
+      };
+      t->logNewEntity = [](NboAttrLog::In & in, NboAttrLog::RefCodec * rc) -> Kel::Ptr<Entity> {
+         return [&]<size_t... I>(std::index_sequence<I...>) -> Kel::Ptr<Entity> {
+            constexpr auto c = E::kelCtorFields();
+            // Arguments are read in order, before construction.
+            std::tuple<std::remove_const_t<typename std::decay_t<decltype(std::get<I>(c))>::Type>...>
+                args{NboAttrLog::Nbo<std::remove_const_t<
+                    typename std::decay_t<decltype(std::get<I>(c))>::Type>>::read(in, rc)...};
+            if constexpr (std::is_constructible_v<E, decltype(std::get<I>(args))...>) {
+               return Kel::Ptr<Entity>(new E(std::get<I>(args)...));
+            } else {
+               throwRangeException(String8("cannot construct ") + E::kelTypeName);
+            }
+         }(std::make_index_sequence<std::tuple_size_v<decltype(E::kelCtorFields())>>{});
+      };
+   } else if constexpr (std::is_constructible_v<E, Name>) {
+      t->logWriteCtor = [](Entity const * e, NboAttrLog::Out & out, NboAttrLog::RefCodec *) {
+         out.putString(e->name().view());
+      };
+      t->logNewEntity = [](NboAttrLog::In & in, NboAttrLog::RefCodec *) -> Kel::Ptr<Entity> {
+         return Kel::Ptr<Entity>(new E(Name(in.nextString())));
+      };
+   }
    [&]<size_t... I>(std::index_sequence<I...>) {
       (t->ctorArgNames_.push_back(std::get<I>(ctor).name), ...);
       (t->ctorArgTypes_.push_back(

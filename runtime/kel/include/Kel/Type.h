@@ -18,6 +18,11 @@ namespace Kel {
 using AttributeId = uint32_t;
 class GenericIf;
 class GenericIterator;
+namespace NboAttrLog {
+class Out;
+class In;
+class RefCodec;
+} // namespace NboAttrLog
 class Entity;
 class KelType;
 // The kinds of attribute rows (see Attr.h).
@@ -55,6 +60,24 @@ struct AttrDesc {
    Ptr<GenericIterator> (*iterate)(void const * obj) = nullptr;
    // Operations (static functions reachable by name): arguments as a list.
    Ptr<GenericIf> (*call)(void * obj, GenericIf const & args) = nullptr;
+
+   // Replication; null for attributes that do not replicate. A replicated
+   // attribute has a dirty bit: set logSet (one per type level), bit logBit.
+   uint8_t logSet = 0;
+   uint8_t logBit = 0;
+   // Scalars: write the current value; read a value and apply it.
+   void (*logWrite)(void const * obj, NboAttrLog::Out &, NboAttrLog::RefCodec *) = nullptr;
+   void (*logRead)(void * obj, NboAttrLog::In &, NboAttrLog::RefCodec *) = nullptr;
+   // Collections: encode a key given by a notification; write one member
+   // (key, present, value) for an encoded key; read one and apply it
+   // (insert, change or delete); write and read the whole collection.
+   void (*logEncodeKey)(void const * key, NboAttrLog::Out &) = nullptr;
+   void (*logWriteMember)(void const * obj, NboAttrLog::In & key, NboAttrLog::Out &,
+                          NboAttrLog::RefCodec *) = nullptr;
+   void (*logReadMember)(void * obj, NboAttrLog::In &, NboAttrLog::RefCodec *) = nullptr;
+   void (*logWriteAll)(void const * obj, NboAttrLog::Out &, NboAttrLog::RefCodec *) = nullptr;
+   void (*logReadAll)(void * obj, NboAttrLog::In &, NboAttrLog::RefCodec *) = nullptr;
+   bool replicated() const { return logWrite || logWriteAll; }
 };
 
 class KelType {
@@ -93,6 +116,13 @@ class KelType {
    std::function<Ptr<GenericIf>(GenericIf const & args)> newInstance;
    // Entities only: the same, returning the entity.
    std::function<Ptr<Entity>(GenericIf const & args)> newEntity;
+
+   // Replication of creation: the constructor arguments, and a new entity
+   // made from them.
+   void (*logWriteCtor)(Entity const *, NboAttrLog::Out &, NboAttrLog::RefCodec *) = nullptr;
+   Ptr<Entity> (*logNewEntity)(NboAttrLog::In &, NboAttrLog::RefCodec *) = nullptr;
+   // Number of dirty-bit sets (type levels) of this type.
+   uint8_t logSets = 0;
 
    // Filled by the type's maker, before the type object is published.
    std::vector<AttrDesc> attrs_;

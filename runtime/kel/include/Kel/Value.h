@@ -22,6 +22,7 @@
 #pragma once
 
 #include <Kel/Exception.h>
+#include <Kel/Concepts.h>
 #include <Kel/GenericIf.h>
 #include <Kel/Text.h>
 
@@ -61,8 +62,6 @@ struct ConstDesc {
    AttributeId id;
 };
 
-template <class V>
-concept ValueType = requires { V::kelIsValueType; };
 
 template <class V>
 concept HasCheck = requires(V const & v) { v.kelCheck(); };
@@ -193,27 +192,6 @@ struct Text<V> {
 
 // --- enumerations -------------------------------------------------------------
 
-struct EnumEntry {
-   uint32_t value;
-   const char * name;
-};
-
-struct EnumInfo {
-   const char * shortName;
-   const char * typeName;
-   EnumEntry const * entries;
-   uint32_t count;
-
-   const char * nameOf(uint32_t v) const {
-      for (uint32_t i = 0; i < count; ++i) {
-         if (entries[i].value == v) return entries[i].name;
-      }
-      return nullptr;
-   }
-};
-
-template <class E>
-concept Enumeration = std::is_enum_v<E> && requires(E e) { kelEnumInfo(e); };
 
 String8 enumString(EnumInfo const & info, uint32_t v);
 uint32_t enumCheck(EnumInfo const & info, uint32_t v);

@@ -17,6 +17,7 @@
 // the one before it (module).
 #pragma once
 
+#include <Kel/NboAttrLog.h>
 #include <Kel/String8.h>
 #include <Kel/Text.h>
 #include <Kel/Type.h>
@@ -99,6 +100,13 @@ struct Kel::Text<Zenet::IntfId> {
 template <>
 struct Kel::BuiltinName<Zenet::IntfId> {
    static constexpr const char * value = "Zenet::IntfId";
+};
+
+// On the attribute log: the 64-bit word.
+template <>
+struct Kel::NboAttrLog::Nbo<Zenet::IntfId> {
+   static void write(Out & o, Zenet::IntfId v, RefCodec *) { o.putU64(v.intfIdValue()); }
+   static Zenet::IntfId read(In & i, RefCodec *) { return Zenet::IntfId(i.nextU64()); }
 };
 
 template <>

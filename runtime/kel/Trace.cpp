@@ -1,0 +1,66 @@
+#include <Kel/Trace.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+#include <vector>
+
+namespace Kel {
+
+namespace {
+
+struct TraceState {
+   std::mutex mutex;
+   std::vector<TraceFacility *> facilities;
+   std::vector<std::pair<std::string, int>> levels;  // settings made so far
+   TraceSink sink;
+};
+
+TraceState & state() {
+   static TraceState * s = new TraceState;
+   return *s;
+}
+
+} // namespace
+
+TraceFacility::TraceFacility(const char * name) : name_(name), maxLevel_(-1) {
+   TraceState & s = state();
+   std::lock_guard<std::mutex> g(s.mutex);
+   s.facilities.push_back(this);
+   for (auto const & [n, l] : s.levels) {
+      if (n == "*" || n == name_) maxLevel_ = l;
+   }
+}
+
+void TraceFacility::trace(int level, String8 const & msg) const {
+   TraceState & s = state();
+   TraceSink sink;
+   {
+      std::lock_guard<std::mutex> g(s.mutex);
+      sink = s.sink;
+   }
+   if (sink) {
+      sink(name_, level, msg);
+   } else {
+      std::fprintf(stderr, "%s[%d]: %s\n", name_, level, msg.charPtr());
+   }
+}
+
+void traceLevelIs(const char * name, int level) {
+   TraceState & s = state();
+   std::lock_guard<std::mutex> g(s.mutex);
+   s.levels.emplace_back(name, level);
+   for (TraceFacility * f : s.facilities) {
+      if (std::string_view(name) == "*" || std::string_view(name) == f->name()) {
+         f->maxLevelIs(level);
+      }
+   }
+}
+
+void traceSinkIs(TraceSink sink) {
+   TraceState & s = state();
+   std::lock_guard<std::mutex> g(s.mutex);
+   s.sink = std::move(sink);
+}
+
+} // namespace Kel

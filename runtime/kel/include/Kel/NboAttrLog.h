@@ -1,0 +1,226 @@
+// The attribute log: values in network byte order, and the streams that
+// carry entity changes between processes.
+//
+// Encodings (Nbo<T>): bool one byte; integers big-endian at their width;
+// doubles and seconds as the 64-bit IEEE word; strings a 32-bit length and
+// the bytes; enumerations a 32-bit number; records their fields in
+// declaration order with nothing between; entity references through the
+// connection's reference table (RefCodec).
+#pragma once
+
+#include <Kel/Concepts.h>
+#include <Kel/Entity.h>
+#include <Kel/Exception.h>
+#include <Kel/Ptr.h>
+#include <Kel/String8.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <tuple>
+#include <type_traits>
+
+namespace Kel {
+
+class Entity;
+
+namespace NboAttrLog {
+
+// A truncated or malformed stream. The connection that reads it is closed.
+class StreamError : public Exception {
+ public:
+   explicit StreamError(String8 m) : Exception(std::move(m)) {}
+};
+
+class Out {
+ public:
+   void clear() { buf_.clear(); }
+   size_t size() const { return buf_.size(); }
+   std::string & bytes() { return buf_; }
+   char const * data() const { return buf_.data(); }
+
+   void put(bool v) { buf_.push_back(char(v ? 1 : 0)); }
+   void putU8(uint8_t v) { buf_.push_back(char(v)); }
+   void putU16(uint16_t v) { putBE(v); }
+   void putU32(uint32_t v) { putBE(v); }
+   void putU64(uint64_t v) { putBE(v); }
+   void putDouble(double d) {
+      uint64_t w;
+      std::memcpy(&w, &d, 8);
+      putBE(w);
+   }
+   void putString(std::string_view s) {
+      putU32(uint32_t(s.size()));
+      buf_.append(s.data(), s.size());
+   }
+   // Overwrites a 32-bit word written earlier (message lengths).
+   void patchU32(size_t at, uint32_t v) {
+      for (int i = 3; i >= 0; --i) {
+         buf_[at + size_t(i)] = char(v & 0xff);
+         v >>= 8;
+      }
+   }
+
+ private:
+   template <class T>
+   void putBE(T v) {
+      char b[sizeof(T)];
+      for (int i = int(sizeof(T)) - 1; i >= 0; --i) {
+         b[i] = char(v & 0xff);
+         v = T(v >> 8);
+      }
+      buf_.append(b, sizeof(T));
+   }
+   std::string buf_;
+};
+
+class In {
+ public:
+   In(char const * p, size_t n) : p_(p), end_(p + n) {}
+   size_t left() const { return size_t(end_ - p_); }
+   bool atEnd() const { return p_ == end_; }
+   char const * pos() const { return p_; }
+
+   bool nextbool() {
+      uint8_t b = nextU8();
+      if (b > 1) throw StreamError("bad bool in stream");
+      return b;
+   }
+   uint8_t nextU8() { return uint8_t(need(1)[0]); }
+   uint16_t nextU16() { return getBE<uint16_t>(); }
+   uint32_t nextU32() { return getBE<uint32_t>(); }
+   uint64_t nextU64() { return getBE<uint64_t>(); }
+   double nextdouble() {
+      uint64_t w = nextU64();
+      double d;
+      std::memcpy(&d, &w, 8);
+      return d;
+   }
+   double nextSeconds() { return nextdouble(); }
+   String8 nextString() {
+      uint32_t n = nextU32();
+      char const * s = need(n);
+      return String8(s, n);
+   }
+
+ private:
+   char const * need(size_t n) {
+      if (size_t(end_ - p_) < n) throw StreamError("truncated message");
+      char const * s = p_;
+      p_ += n;
+      return s;
+   }
+   template <class T>
+   T getBE() {
+      unsigned char const * b = reinterpret_cast<unsigned char const *>(need(sizeof(T)));
+      T v = 0;
+      for (size_t i = 0; i < sizeof(T); ++i) v = T((v << 8) | b[i]);
+      return v;
+   }
+   char const * p_;
+   char const * end_;
+};
+
+// An enumeration number the reader does not know. The update that carries
+// it is skipped and counted; the stream goes on.
+class UnknownEnum : public RangeException {
+ public:
+   using RangeException::RangeException;
+};
+
+// Entity references on one connection: the writer numbers the entities it
+// serves; the reader maps numbers back to its replicas.
+class RefCodec {
+ public:
+   virtual ~RefCodec() = default;
+   virtual void writeRef(Out & out, Entity const * e) = 0;
+   virtual Ptr<Entity> readRef(In & in) = 0;
+};
+
+template <class T, class Enable = void>
+struct Nbo;
+
+template <>
+struct Nbo<bool> {
+   static void write(Out & o, bool v, RefCodec *) { o.put(v); }
+   static bool read(In & i, RefCodec *) { return i.nextbool(); }
+};
+
+template <std::integral T>
+struct Nbo<T, std::enable_if_t<!std::is_same_v<T, bool>>> {
+   static void write(Out & o, T v, RefCodec *) {
+      if constexpr (sizeof(T) == 1) o.putU8(uint8_t(v));
+      else if constexpr (sizeof(T) == 2) o.putU16(uint16_t(v));
+      else if constexpr (sizeof(T) == 4) o.putU32(uint32_t(v));
+      else o.putU64(uint64_t(v));
+   }
+   static T read(In & i, RefCodec *) {
+      if constexpr (sizeof(T) == 1) return T(i.nextU8());
+      else if constexpr (sizeof(T) == 2) return T(i.nextU16());
+      else if constexpr (sizeof(T) == 4) return T(i.nextU32());
+      else return T(i.nextU64());
+   }
+};
+
+template <>
+struct Nbo<double> {
+   static void write(Out & o, double v, RefCodec *) { o.putDouble(v); }
+   static double read(In & i, RefCodec *) { return i.nextdouble(); }
+};
+
+template <>
+struct Nbo<String8> {
+   static void write(Out & o, String8 const & v, RefCodec *) { o.putString(v.view()); }
+   static String8 read(In & i, RefCodec *) { return i.nextString(); }
+};
+
+template <>
+struct Nbo<Name> {
+   static void write(Out & o, Name const & v, RefCodec *) { o.putString(v.view()); }
+   static Name read(In & i, RefCodec *) { return Name(i.nextString()); }
+};
+
+template <Enumeration E>
+struct Nbo<E> {
+   static void write(Out & o, E v, RefCodec *) { o.putU32(uint32_t(v)); }
+   static E read(In & i, RefCodec *) {
+      uint32_t v = i.nextU32();
+      if (!kelEnumInfo(E{}).nameOf(v)) throw UnknownEnum(kelEnumInfo(E{}).shortName);
+      return E(v);
+   }
+};
+
+template <ValueType V>
+struct Nbo<V> {
+   static void write(Out & o, V const & v, RefCodec * rc) {
+      std::apply(
+          [&](auto const &... f) {
+             (Nbo<typename std::decay_t<decltype(f)>::Type>::write(o, v.*(f.member), rc), ...);
+          },
+          V::kelFields());
+   }
+   static V read(In & i, RefCodec * rc) {
+      V v;
+      std::apply(
+          [&](auto const &... f) {
+             ((v.*(f.member) = Nbo<typename std::decay_t<decltype(f)>::Type>::read(i, rc)), ...);
+          },
+          V::kelFields());
+      return v;
+   }
+};
+
+template <class T>
+struct Nbo<Ptr<T>> {
+   static void write(Out & o, Ptr<T> const & v, RefCodec * rc) { rc->writeRef(o, v.ptr()); }
+   static Ptr<T> read(In & i, RefCodec * rc) {
+      Ptr<Entity> e = rc->readRef(i);
+      if (!e) return Ptr<T>();
+      auto * t = dynamic_cast<std::remove_const_t<T> *>(e.ptr());
+      if (!t) throwRangeException("Entity is the wrong type");
+      return Ptr<T>(t);
+   }
+};
+
+} // namespace NboAttrLog
+} // namespace Kel

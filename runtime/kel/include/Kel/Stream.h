@@ -1,0 +1,239 @@
+// Replication of an entity subtree between processes over a byte stream
+// (any file descriptor; Unix-domain stream sockets in practice).
+//
+// A Writer serves a subtree; a Reader mounts it by path. The reader first
+// receives the whole current state, then every change. On the reader every
+// update is applied through the entity's ordinary mutator, so its reactors
+// fire as for local writes; creations replay through the type object.
+// Replicas refuse local writes.
+//
+// Frames: a 32-bit length (of what follows), a message type byte, the
+// message. Attribute messages carry a transaction-begin and -end token
+// around the value so that a stream that has lost its place is caught.
+//
+// Flow control: the writer never blocks. Output goes to a buffer that is
+// sent without blocking; when the buffer is full the writer switches to
+// flow-out: it only marks attributes dirty (bits per attribute, encoded keys
+// per collection) and writes the latest values, in declaration order, as
+// the buffer drains. Memory stays bounded by the number of attributes and
+// collection keys, however many writes pile up.
+#pragma once
+
+#include <Kel/Entity.h>
+#include <Kel/NboAttrLog.h>
+#include <Kel/Trace.h>
+#include <Kel/Type.h>
+
+#include <time.h>
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+namespace Kel {
+
+// A poll() loop over file descriptors.
+class ActivityLoop {
+ public:
+   class Source {
+    public:
+      virtual ~Source() = default;
+      virtual int fd() const = 0;
+      virtual bool wantWrite() const { return false; }
+      virtual void onReadable() {}
+      virtual void onWritable() {}
+      // Called once per round after events: a chance to send what piled up.
+      virtual void onRoundEnd() {}
+   };
+   void add(Source * s);
+   void remove(Source * s);
+   // Waits up to timeoutMs for activity and handles it. Returns the number
+   // of sources that had events.
+   int runOnce(int timeoutMs);
+   // Runs rounds until `done()` or the time runs out; true when done.
+   template <class Pred>
+   bool runUntil(Pred done, int timeoutMs);
+
+ private:
+   std::vector<Source *> sources_;
+};
+
+namespace NboAttrLog {
+
+enum MsgType : uint8_t {
+   msgMount = 1,
+   msgHello = 2,
+   msgCreate = 3,
+   msgAttr = 4,
+   msgMember = 5,
+   msgCollAll = 6,
+   msgSyncDone = 7,
+   msgForget = 8,
+   msgRoot = 9,  // names the served entity; creating it creates its subtree
+};
+constexpr uint8_t tokenBegin = 0xb1;
+constexpr uint8_t tokenEnd = 0xe1;
+constexpr uint32_t maxFrame = 64u << 20;
+
+class Writer;
+
+// The writer's reactor on each served entity: tracks what is dirty.
+class EntityAdapter : public Entity::NotifieeConst {
+ public:
+   EntityAdapter(Writer * w, Entity * e, uint32_t id);
+   uint32_t id() const { return id_; }
+   Entity * entity() const { return e_; }
+   void kelOnAttribute(AttributeId id, void const * key) override;
+   void onZeroReferences() override;
+   // Writes dirty attributes in declaration order until the writer's buffer
+   // is full; true when nothing is left dirty.
+   bool flowOutSome();
+   bool dirty() const;
+   void markAllDirty();
+   // KelDirtyBitSet<set>, byte by byte (bit 1 of byte 0 is the first
+   // replicated attribute of that type level).
+   std::vector<uint8_t> const & dirtyBitSet(uint8_t set) const { return bits_[set]; }
+   bool inDirtyList = false;
+
+ private:
+   friend class Writer;
+   void setBit(AttrDesc const & d, bool v);
+   bool bit(AttrDesc const & d) const;
+   Writer * w_;
+   Entity * e_;
+   uint32_t id_;
+   std::vector<std::vector<uint8_t>> bits_;
+   // Encoded keys changed since last written, per collection.
+   std::unordered_map<AttributeId, std::vector<std::string>> dirtyKeys_;
+};
+
+class Writer : public ActivityLoop::Source, private RefCodec {
+ public:
+   // Serves `root` (and its subtree) to the peer at `fd`, once the peer has
+   // asked for a path below it. `name` is how the peer will name us.
+   Writer(int fd, Ptr<Entity> root, String8 name, size_t bufferBytes = 1 << 20);
+   ~Writer() override;
+   Writer(Writer const &) = delete;
+   Writer & operator=(Writer const &) = delete;
+
+   int fd() const override { return fd_; }
+   bool wantWrite() const override { return pending() > 0; }
+   void onReadable() override;
+   void onWritable() override { pump(); }
+   void onRoundEnd() override { pump(); }
+
+   // Sends what can be sent now, then writes dirty state if there is room.
+   void pump();
+   bool serving() const { return served_ != nullptr; }
+   bool closed() const { return closed_; }
+   bool flowOut() const { return flowOut_; }
+   size_t pending() const { return out_.size() - sent_; }
+   size_t bufferBytes() const { return cap_; }
+   uint64_t messagesWritten() const { return messages_; }
+   EntityAdapter * adapter(Entity const * e) const;
+
+ private:
+   friend class EntityAdapter;
+   bool hasRoom() const { return pending() < cap_; }
+   void changed(EntityAdapter * a, AttrDesc const & d, void const * key);
+   void forget(EntityAdapter * a);
+   void startServing(Ptr<Entity> e);
+   // Builds one message with `body` and appends it, after the creations of
+   // entities it references for the first time.
+   template <class F>
+   void compose(uint8_t type, F body);
+   void createAll(std::vector<Entity *> const & fresh);
+   void emitCreate(Entity * e);
+   void emitState(EntityAdapter * a);
+   void writeAttr(EntityAdapter * a, AttrDesc const & d);
+   void writeMember(EntityAdapter * a, AttrDesc const & d, std::string const & key);
+   void writeRef(Out & out, Entity const * e) override;
+   Ptr<Entity> readRef(In &) override { return nullptr; }
+   void close(String8 const & why);
+   bool inSubtree(Entity const * e) const;
+
+   int fd_;
+   Ptr<Entity> root_;
+   Ptr<Entity> served_;
+   String8 name_;
+   size_t cap_;
+   std::string out_;
+   size_t sent_ = 0;
+   std::string in_;
+   bool flowOut_ = false;
+   bool closed_ = false;
+   uint64_t messages_ = 0;
+   uint32_t nextId_ = 1;
+   std::unordered_map<Entity const *, Ptr<EntityAdapter>> adapters_;
+   std::deque<EntityAdapter *> dirty_;
+   std::vector<Entity *> * newlyReferenced_ = nullptr;
+};
+
+class Reader : public ActivityLoop::Source, private RefCodec {
+ public:
+   // Mounts the subtree at `path` below the writer's served root.
+   Reader(int fd, String8 path);
+   ~Reader() override;
+   Reader(Reader const &) = delete;
+   Reader & operator=(Reader const &) = delete;
+
+   int fd() const override { return fd_; }
+   bool wantWrite() const override { return sent_ < out_.size(); }
+   void onReadable() override;
+   void onWritable() override;
+
+   // Applies received bytes (what onReadable does with what it reads).
+   void receive(char const * p, size_t n);
+   Ptr<Entity> root() const { return root_; }
+   bool synced() const { return synced_; }
+   bool closed() const { return closed_; }
+   String8 const & closeReason() const { return reason_; }
+   String8 const & peerName() const { return peer_; }
+   uint64_t unknownEnums() const { return unknownEnums_; }
+   void unknownEnumsInc() { ++unknownEnums_; }
+   uint64_t messagesApplied() const { return applied_; }
+   size_t entities() const { return byId_.size(); }
+
+ private:
+   void apply(uint8_t type, In & in);
+   void close(String8 const & why);
+   void writeRef(Out &, Entity const *) override {}
+   Ptr<Entity> readRef(In & in) override;
+   Entity * entityById(uint32_t id) const;
+
+   int fd_;
+   std::string out_;
+   size_t sent_ = 0;
+   std::string in_;
+   size_t consumed_ = 0;
+   Ptr<Entity> root_;
+   String8 peer_;
+   bool synced_ = false;
+   bool closed_ = false;
+   String8 reason_;
+   uint64_t unknownEnums_ = 0;
+   uint64_t applied_ = 0;
+   std::unordered_map<uint32_t, Ptr<Entity>> byId_;
+};
+
+} // namespace NboAttrLog
+
+template <class Pred>
+bool ActivityLoop::runUntil(Pred done, int timeoutMs) {
+   // Deadline on a monotonic clock, checked between rounds.
+   struct timespec start;
+   clock_gettime(CLOCK_MONOTONIC, &start);
+   for (;;) {
+      if (done()) return true;
+      struct timespec now;
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      long elapsed = (now.tv_sec - start.tv_sec) * 1000 + (now.tv_nsec - start.tv_nsec) / 1000000;
+      if (elapsed >= timeoutMs) return done();
+      runOnce(int(timeoutMs - elapsed) < 10 ? int(timeoutMs - elapsed) : 10);
+   }
+}
+
+} // namespace Kel
+
