@@ -181,6 +181,40 @@ class CollGenericIterator : public GenericIterator {
    AttrDesc const * desc_;
 };
 
+// The constructor arguments of an entity type, and its factory from a
+// generic list of them: the Ctor rows in order, or the name alone.
+template <class E, size_t... I>
+void entityFactories(KelType * t, std::index_sequence<I...>) {
+   constexpr auto ctor = E::kelCtorFields();
+   (t->ctorArgNames_.push_back(std::get<I>(ctor).name), ...);
+   (t->ctorArgTypes_.push_back(
+        typeOf<std::remove_const_t<typename std::decay_t<decltype(std::get<I>(ctor))>::Type>>()),
+    ...);
+   if constexpr (sizeof...(I) > 0 &&
+                 std::is_constructible_v<
+                     E, std::remove_const_t<
+                            typename std::decay_t<decltype(std::get<I>(ctor))>::Type>...>) {
+      t->newEntity = [](GenericIf const & args) -> Kel::Ptr<Entity> {
+         auto const * list = dynamic_cast<GenericIf::List const *>(&args);
+         constexpr auto c = E::kelCtorFields();
+         if (!list || list->items().size() != sizeof...(I)) {
+            GenericIf::throwUnknownArgException(E::kelTypeName);
+         }
+         return Kel::Ptr<Entity>(new E(fromGeneric<std::remove_const_t<
+                                           typename std::decay_t<decltype(std::get<I>(c))>::Type>>(
+             *list->items()[I], std::get<I>(c).name)...));
+      };
+   } else if constexpr (sizeof...(I) == 0 && std::is_constructible_v<E, Name>) {
+      t->newEntity = [](GenericIf const & args) -> Kel::Ptr<Entity> {
+         auto const * list = dynamic_cast<GenericIf::List const *>(&args);
+         if (!list || list->items().size() != 1) {
+            GenericIf::throwUnknownArgException(E::kelTypeName);
+         }
+         return Kel::Ptr<Entity>(new E(Name(fromGeneric<String8>(*list->items()[0], "name"))));
+      };
+   }
+}
+
 template <class E>
 KelType const * makeEntityType() {
    KelType const * base = E::KelBase::_fwkType();
@@ -232,34 +266,7 @@ KelType const * makeEntityType() {
          return Kel::Ptr<Entity>(new E(Name(in.nextString())));
       };
    }
-   [&]<size_t... I>(std::index_sequence<I...>) {
-      (t->ctorArgNames_.push_back(std::get<I>(ctor).name), ...);
-      (t->ctorArgTypes_.push_back(
-           typeOf<std::remove_const_t<typename std::decay_t<decltype(std::get<I>(ctor))>::Type>>()),
-       ...);
-      if constexpr (std::is_constructible_v<
-                        E, std::remove_const_t<
-                               typename std::decay_t<decltype(std::get<I>(ctor))>::Type>...>) {
-         t->newEntity = [](GenericIf const & args) -> Kel::Ptr<Entity> {
-            auto const * list = dynamic_cast<GenericIf::List const *>(&args);
-            constexpr auto c = E::kelCtorFields();
-            if (!list || list->items().size() != sizeof...(I)) {
-               GenericIf::throwUnknownArgException(E::kelTypeName);
-            }
-            return Kel::Ptr<Entity>(new E(fromGeneric<std::remove_const_t<
-                                              typename std::decay_t<decltype(std::get<I>(c))>::Type>>(
-                *list->items()[I], std::get<I>(c).name)...));
-         };
-      } else if constexpr (sizeof...(I) == 0 && std::is_constructible_v<E, Name>) {
-         t->newEntity = [](GenericIf const & args) -> Kel::Ptr<Entity> {
-            auto const * list = dynamic_cast<GenericIf::List const *>(&args);
-            if (!list || list->items().size() != 1) {
-               GenericIf::throwUnknownArgException(E::kelTypeName);
-            }
-            return Kel::Ptr<Entity>(new E(Name(fromGeneric<String8>(*list->items()[0], "name"))));
-         };
-      }
-   }(std::make_index_sequence<std::tuple_size_v<decltype(ctor)>>{});
+   entityFactories<E>(t, std::make_index_sequence<std::tuple_size_v<decltype(ctor)>>{});
    if (t->newEntity) {
       t->newInstance = [t](GenericIf const & args) -> GenericIf::Ptr {
          return GenericIf::Ptr(new GenericEntity<Entity>(t->newEntity(args)));
