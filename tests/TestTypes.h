@@ -27,6 +27,7 @@ class Leaf : public Kel::Entity {
    KEL_ENTITY(Leaf, Kel::Entity, "KelTest::Leaf", KEL_ATTRS_Leaf)
  public:
    explicit Leaf(Zenet::IntfId id) : Kel::Entity(id.stringValue()), intfId_(id) {}
+   explicit Leaf(Kel::Name const & n) : Leaf(Zenet::IntfId(n.view())) {}
 };
 
 #define KEL_ATTRS_Thing(X)                                                            \
@@ -63,6 +64,17 @@ class SubThing : public Thing {
    KEL_ENTITY(SubThing, Thing, "KelTest::SubThing", KEL_ATTRS_SubThing)
  public:
    explicit SubThing(uint32_t id) : Thing(id) {}
+};
+
+// A single constructed child and a process-local cache.
+#define KEL_ATTRS_Holder(X)                                                           \
+   X(InstChild, child, Child, Leaf)                                                   \
+   X(Cache, memo, Memo, Leaf)
+class Holder : public Kel::Entity {
+   KEL_ENTITY(Holder, Kel::Entity, "KelTest::Holder", KEL_ATTRS_Holder)
+ public:
+   explicit Holder(Kel::Name n) : Kel::Entity(std::move(n)) {}
+   Leaf::Ptr memo() const { return memo_; }
 };
 
 } // namespace KelTest

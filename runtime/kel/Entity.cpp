@@ -131,8 +131,11 @@ void Entity::kelRefuseWrite() const {
                           " peerName: " + (it == proxyPeers().end() ? String8() : it->second));
 }
 
+Kel::Ptr<Entity> globalRootEntity();
+
 Kel::Ptr<Entity> Entity::entity(std::string_view path) const {
    Kel::Ptr<Entity> cur(const_cast<Entity *>(this));
+   if (!path.empty() && path[0] == '/') cur = globalRootEntity();
    while (!path.empty() && cur) {
       size_t slash = path.find('/');
       std::string_view name = path.substr(0, slash);

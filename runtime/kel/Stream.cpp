@@ -1,3 +1,4 @@
+#include <Kel/Dir.h>
 #include <Kel/Stream.h>
 
 #include <errno.h>
@@ -452,8 +453,11 @@ Ptr<Entity> Reader::readRef(In & in) {
    if (kind == 0) return nullptr;
    if (kind == 1) return Ptr<Entity>(entityById(in.nextU32()));
    if (kind == 2) {
-      in.nextString();  // outside the mounted tree: not resolvable here
-      return nullptr;
+      // Outside the mounted tree: found by its full name in this process's
+      // tree, if it is there.
+      String8 path = in.nextString();
+      if (path.empty() || path[0] != '/') return nullptr;
+      return globalDir()->entity(path.view());
    }
    throw StreamError("bad entity reference");
 }

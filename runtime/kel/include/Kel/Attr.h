@@ -32,6 +32,8 @@
 //   Ptr       (name, Name, Target, Nullable|NotNull) counted pointer, identity compare
 //   WriteOnce (name, Name, Target)                  xIs(p) then handleX(prev) guard
 //   Local     (name, Name, Target)                  process-local cache: const xIs, no notification
+//   Cache     (name, Name, Target)                  the same without a generated accessor
+//   InstChild (name, Name, T)                       one child constructed by name: xIs(name, ...), xDel()
 //   Coll      (name, Name, MapT, Key, Value)         keyed values
 //   EntColl   (name, Name, MapT, Key, T, keyAttr)    entities inserted by the caller, keyed by their own keyAttr
 //   RefColl   (name, Name, MapT, Key, T)             entities referenced under a caller's key (not owned)
@@ -159,6 +161,8 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_CTORF_IF_Ptr(...)
 #define KEL_EA_CTORF_IF_WriteOnce(...)
 #define KEL_EA_CTORF_IF_Local(...)
+#define KEL_EA_CTORF_IF_Cache(...)
+#define KEL_EA_CTORF_IF_InstChild(...)
 #define KEL_EA_CTORF_IF_Coll(...)
 #define KEL_EA_CTORF_IF_EntColl(...)
 #define KEL_EA_CTORF_IF_RefColl(...)
@@ -174,6 +178,8 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_CB_Ptr(Name, ...) virtual void on##Name() {}
 #define KEL_EA_CB_WriteOnce(Name, ...) virtual void on##Name() {}
 #define KEL_EA_CB_Local(Name, ...)
+#define KEL_EA_CB_Cache(Name, ...)
+#define KEL_EA_CB_InstChild(Name, ...) virtual void on##Name() {}
 #define KEL_EA_CB_Coll(Name, MapT, Key, ...) virtual void on##Name(Key) {}
 #define KEL_EA_CB_EntColl(Name, MapT, Key, ...) virtual void on##Name(Key) {}
 #define KEL_EA_CB_RefColl(Name, MapT, Key, ...) virtual void on##Name(Key) {}
@@ -195,6 +201,9 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_CHILD_Ptr(name)
 #define KEL_EA_CHILD_WriteOnce(name)
 #define KEL_EA_CHILD_Local(name)
+#define KEL_EA_CHILD_Cache(name)
+#define KEL_EA_CHILD_InstChild(an) \
+   if (an##_ && an##_->name() == n) return an##_;
 #define KEL_EA_CHILD_Coll(name)
 #define KEL_EA_CHILD_RefColl(name)
 #define KEL_EA_CHILD_Derived(name)
@@ -210,6 +219,9 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_EACH_Ptr(name)
 #define KEL_EA_EACH_WriteOnce(name)
 #define KEL_EA_EACH_Local(name)
+#define KEL_EA_EACH_Cache(name)
+#define KEL_EA_EACH_InstChild(name) \
+   if (name##_) fn(ctx, name##_.ptr());
 #define KEL_EA_EACH_Coll(name)
 #define KEL_EA_EACH_RefColl(name)
 #define KEL_EA_EACH_Derived(name)
@@ -227,6 +239,8 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_DETACH_Ptr(name)
 #define KEL_EA_DETACH_WriteOnce(name)
 #define KEL_EA_DETACH_Local(name)
+#define KEL_EA_DETACH_Cache(name)
+#define KEL_EA_DETACH_InstChild(name) kelDetach(name##_);
 #define KEL_EA_DETACH_Coll(name)
 #define KEL_EA_DETACH_RefColl(name)
 #define KEL_EA_DETACH_Derived(name)
@@ -352,6 +366,27 @@ void checkReinstantiate(T const & child, A const &... args) {
       KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>)                   \
       KEL_EA_LOG_SCALAR_(an, ::Kel::Ptr<Target>) v.push_back(d);                      \
    }
+#define KEL_EA_DESC_Cache(an, Name, Target)                                         \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Cache, ::Kel::attrLocal, ::Kel::Ptr<Target>)              \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_EA_DESC_InstChild(an, Name, T)                                            \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, InstChild, ::Kel::attrInstantiating | ::Kel::attrNotifying, \
+                        ::Kel::Ptr<T>)                                                \
+      KEL_EA_DESC_GET_(an)                                                            \
+      d.logWrite = [](void const * o, ::Kel::NboAttrLog::Out & out,                   \
+                      ::Kel::NboAttrLog::RefCodec * rc) {                             \
+         ::Kel::NboAttrLog::Nbo<::Kel::Ptr<T>>::write(out, KEL_EA_SELF_->an##_, rc);  \
+      };                                                                              \
+      d.logRead = [](void * o, ::Kel::NboAttrLog::In & in, ::Kel::NboAttrLog::RefCodec * rc) { \
+         KEL_EA_MSELF_->kelInsert##Name(::Kel::NboAttrLog::Nbo<::Kel::Ptr<T>>::read(in, rc)); \
+      };                                                                              \
+      v.push_back(d);                                                                 \
+   }
 #define KEL_EA_DESC_Local(an, Name, Target)                                         \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
@@ -444,6 +479,8 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_STORE_Ptr(name, Name, Target, nullable) ::Kel::Ptr<Target> name##_;
 #define KEL_EA_STORE_WriteOnce(name, Name, Target) ::Kel::Ptr<Target> name##_;
 #define KEL_EA_STORE_Local(name, Name, Target) mutable ::Kel::Ptr<Target> name##_;
+#define KEL_EA_STORE_Cache(name, Name, Target) mutable ::Kel::Ptr<Target> name##_;
+#define KEL_EA_STORE_InstChild(name, Name, T) ::Kel::Ptr<T> name##_;
 #define KEL_EA_STORE_Coll(name, Name, MapT, Key, Value) MapT<Kel##Name, Key, Value> name##_;
 #define KEL_EA_STORE_EntColl(name, Name, MapT, Key, T, keyAttr) \
    MapT<Kel##Name, Key, ::Kel::Ptr<T>> name##_;
@@ -465,6 +502,8 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_MEMBER_Ptr(...)
 #define KEL_EA_MEMBER_WriteOnce(...)
 #define KEL_EA_MEMBER_Local(...)
+#define KEL_EA_MEMBER_Cache(...)
+#define KEL_EA_MEMBER_InstChild(...)
 #define KEL_EA_MEMBER_Coll(Name, MapT, Key, Value) KEL_EA_MEMBER_COLL_(Name, MapT, Key, Value)
 #define KEL_EA_MEMBER_EntColl(Name, MapT, Key, T, keyAttr) \
    KEL_EA_MEMBER_COLL_(Name, MapT, Key, ::Kel::Ptr<T>)
@@ -519,6 +558,40 @@ void checkReinstantiate(T const & child, A const &... args) {
       kelModified();                                                                  \
       handle##Name(prev);                                                             \
       KEL_EA_NOTIFY_(Name, kelId_##name);                                             \
+   }
+
+/* A process-local cache with no accessor of its own (the type's hand-written
+   reader fills it on first use); set through a const handle, no notification. */
+#define KEL_EA_API_Cache(name, Name, Target)                                          \
+   virtual void name##Is(::Kel::Ptr<Target> const & v) const {                        \
+      if (!(name##_ == v)) name##_ = v;                                               \
+   }
+
+/* A single child the entity constructs itself: kept while the constructor
+   name matches, replaced by a new child otherwise. */
+#define KEL_EA_API_InstChild(an, Nm, T)                                           \
+   ::Kel::Ptr<T> an() const { return an##_; }                                     \
+   template <class... A>                                                              \
+   ::Kel::Ptr<T> new##Nm(::Kel::Name const & n, A const &... a) {                   \
+      kelCheckWritable();                                                             \
+      ::Kel::Ptr<T> v(new T(n, a...));                                                \
+      kelInsert##Nm(v);                                                             \
+      return v;                                                                       \
+   }                                                                                  \
+   template <class... A>                                                              \
+   ::Kel::Ptr<T> an##Is(::Kel::Name const & n, A const &... a) {                    \
+      if (an##_ && an##_->name() == n) return an##_;                            \
+      return new##Nm(n, a...);                                                      \
+   }                                                                                  \
+   void an##Del() { kelInsert##Nm(nullptr); }                                     \
+   void kelInsert##Nm(::Kel::Ptr<T> const & v) {                                    \
+      if (an##_ == v) return;                                                       \
+      kelCheckWritable();                                                             \
+      if (v) v->parentIs(this);                                                       \
+      kelDetach(an##_);                                                             \
+      an##_ = v;                                                                    \
+      kelModified();                                                                  \
+      KEL_EA_NOTIFY_(Nm, kelId_##an);                                             \
    }
 
 #define KEL_EA_API_Local(name, Name, Target)                                          \

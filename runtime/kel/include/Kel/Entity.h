@@ -129,8 +129,9 @@ class Entity : public PtrInterface {
       (void)fn;
       (void)ctx;
    }
-   // Looks up a "/"-separated path of child names below this entity; ""
-   // is this entity. Null when a name is missing.
+   // Looks up a "/"-separated path of child names below this entity ("" is
+   // this entity, ".." its parent); a path starting with "/" starts at the
+   // process's root directory. Null when a name is missing.
    Kel::Ptr<Entity> entity(std::string_view path) const;
 
    // A replica of an entity served by another process: local writes are

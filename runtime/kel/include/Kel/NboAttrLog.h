@@ -206,6 +206,8 @@ struct Nbo<V> {
              ((v.*(f.member) = Nbo<typename std::decay_t<decltype(f)>::Type>::read(i, rc)), ...);
           },
           V::kelFields());
+      // A record's declared range holds for what arrives, too.
+      if constexpr (requires { v.kelCheck(); }) v.kelCheck();
       return v;
    }
 };

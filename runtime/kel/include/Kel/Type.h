@@ -27,7 +27,8 @@ class Entity;
 class KelType;
 // The kinds of attribute rows (see Attr.h).
 enum class AttrKind : uint8_t {
-   Ctor, Scalar, Ptr, WriteOnce, Local, Coll, EntColl, RefColl, InstColl, Derived, Const, Hook
+   Ctor, Scalar, Ptr, WriteOnce, Local, Cache, InstChild, Coll, EntColl, RefColl, InstColl,
+   Derived, Const, Hook
 };
 
 // Attribute flags, as the introspection walk reports them.
