@@ -252,7 +252,7 @@ void Writer::compose(uint8_t type, F body) {
    newlyReferenced_ = outer;
    msg.patchU32(0, uint32_t(msg.size() - 4));
    createAll(fresh);
-   out_ += msg.bytes();
+   out_.append(msg.data(), msg.size());
    ++messages_;
    // Send early when a lot has piled up.
    if (pending() >= 65536) {
@@ -340,7 +340,7 @@ void Writer::changed(EntityAdapter * a, AttrDesc const & d, void const * key) {
    if (key && d.logEncodeKey) {
       Out ko;
       d.logEncodeKey(key, ko);
-      k = std::move(ko.bytes());
+      k.assign(ko.data(), ko.size());
    }
    if (!flowOut_ && hasRoom()) {
       if (d.logEncodeKey) {
@@ -410,7 +410,7 @@ Reader::Reader(int fd, String8 path) : fd_(fd) {
    o.putU8(msgMount);
    o.putString(path.view());
    o.patchU32(0, uint32_t(o.size() - 4));
-   out_ = o.bytes();
+   out_.assign(o.data(), o.size());
    onWritable();
 }
 

@@ -15,7 +15,9 @@
 #include <Kel/String8.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -34,44 +36,59 @@ class StreamError : public Exception {
 
 class Out {
  public:
-   void clear() { buf_.clear(); }
-   size_t size() const { return buf_.size(); }
-   std::string & bytes() { return buf_; }
-   char const * data() const { return buf_.data(); }
+   Out() = default;
+   Out(Out const &) = delete;
+   Out & operator=(Out const &) = delete;
+   ~Out() { std::free(buf_); }
 
-   void put(bool v) { buf_.push_back(char(v ? 1 : 0)); }
-   void putU8(uint8_t v) { buf_.push_back(char(v)); }
-   void putU16(uint16_t v) { putBE(v); }
-   void putU32(uint32_t v) { putBE(v); }
-   void putU64(uint64_t v) { putBE(v); }
+   void clear() { size_ = 0; }
+   size_t size() const { return size_; }
+   char const * data() const { return buf_; }
+   std::string_view bytes() const { return std::string_view(buf_, size_); }
+
+   void put(bool v) { *room(1) = char(v ? 1 : 0); }
+   void putU8(uint8_t v) { *room(1) = char(v); }
+   void putU16(uint16_t v) { putRaw(__builtin_bswap16(v)); }
+   void putU32(uint32_t v) { putRaw(__builtin_bswap32(v)); }
+   void putU64(uint64_t v) { putRaw(__builtin_bswap64(v)); }
    void putDouble(double d) {
       uint64_t w;
       std::memcpy(&w, &d, 8);
-      putBE(w);
+      putU64(w);
    }
    void putString(std::string_view s) {
       putU32(uint32_t(s.size()));
-      buf_.append(s.data(), s.size());
+      if (!s.empty()) std::memcpy(room(s.size()), s.data(), s.size());
    }
    // Overwrites a 32-bit word written earlier (message lengths).
    void patchU32(size_t at, uint32_t v) {
-      for (int i = 3; i >= 0; --i) {
-         buf_[at + size_t(i)] = char(v & 0xff);
-         v >>= 8;
-      }
+      v = __builtin_bswap32(v);
+      std::memcpy(buf_ + at, &v, 4);
    }
 
  private:
    template <class T>
-   void putBE(T v) {
-      char b[sizeof(T)];
-      for (int i = int(sizeof(T)) - 1; i >= 0; --i) {
-         b[i] = char(v & 0xff);
-         v = T(v >> 8);
-      }
-      buf_.append(b, sizeof(T));
+   void putRaw(T v) {
+      std::memcpy(room(sizeof(T)), &v, sizeof(T));
    }
-   std::string buf_;
+   // Space for n more bytes at the end; the buffer grows by doubling.
+   char * room(size_t n) {
+      if (size_ + n > cap_) grow(size_ + n);
+      char * p = buf_ + size_;
+      size_ += n;
+      return p;
+   }
+   void grow(size_t need) {
+      size_t cap = cap_ ? cap_ * 2 : 256;
+      while (cap < need) cap *= 2;
+      char * b = static_cast<char *>(std::realloc(buf_, cap));
+      if (!b) throw std::bad_alloc();
+      buf_ = b;
+      cap_ = cap;
+   }
+   char * buf_ = nullptr;
+   size_t size_ = 0;
+   size_t cap_ = 0;
 };
 
 class In {
@@ -112,10 +129,11 @@ class In {
    }
    template <class T>
    T getBE() {
-      unsigned char const * b = reinterpret_cast<unsigned char const *>(need(sizeof(T)));
-      T v = 0;
-      for (size_t i = 0; i < sizeof(T); ++i) v = T((v << 8) | b[i]);
-      return v;
+      T v;
+      std::memcpy(&v, need(sizeof(T)), sizeof(T));
+      if constexpr (sizeof(T) == 2) return T(__builtin_bswap16(v));
+      else if constexpr (sizeof(T) == 4) return T(__builtin_bswap32(v));
+      else return T(__builtin_bswap64(v));
    }
    char const * p_;
    char const * end_;
