@@ -15,8 +15,57 @@ thread_local bool applyingReplicaUpdate = false;
 
 void VFPtrInterface::enableThreadSafePointers() { detail::threadSafePointers = true; }
 
-void * PtrInterface::operator new(size_t n) { return ::operator new(n); }
-void PtrInterface::operator delete(void * p) noexcept { ::operator delete(p); }
+// Counted objects are small and come and go often (reactors, reflection
+// values, collection members): sizes up to 256 bytes are kept on per-thread
+// free lists in 16-byte classes. Under AddressSanitizer every object goes to
+// the global allocator so that use after free is still caught.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KEL_NO_POOL 1
+#endif
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+#define KEL_NO_POOL 1
+#endif
+
+namespace {
+
+constexpr size_t poolClass = 16;
+constexpr size_t poolMax = 256;
+struct FreeNode {
+   FreeNode * next;
+};
+thread_local FreeNode * freeLists[poolMax / poolClass + 1] __attribute__((tls_model("initial-exec")));
+
+} // namespace
+
+void * PtrInterface::operator new(size_t n) {
+#ifndef KEL_NO_POOL
+   if (n <= poolMax) {
+      size_t c = (n + poolClass - 1) / poolClass;
+      if (FreeNode * f = freeLists[c]) {
+         freeLists[c] = f->next;
+         return f;
+      }
+      return ::operator new(c * poolClass);
+   }
+#endif
+   return ::operator new(n);
+}
+
+void PtrInterface::operator delete(void * p, size_t n) noexcept {
+#ifndef KEL_NO_POOL
+   if (n <= poolMax) {
+      size_t c = (n + poolClass - 1) / poolClass;
+      auto * f = static_cast<FreeNode *>(p);
+      f->next = freeLists[c];
+      freeLists[c] = f;
+      return;
+   }
+#endif
+   (void)n;
+   ::operator delete(p);
+}
 
 void PtrInterface::kelLastReferenceGone() {
    // A large count while dying, so that references taken and dropped by

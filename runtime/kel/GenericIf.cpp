@@ -109,10 +109,22 @@ Kel::Ptr<GenericIterator> GenericIf::attributeIteratorConst(AttributeId id) cons
    return d->iterate(instance());
 }
 
+namespace {
+
+// A result box on the stack: one reference of its own, so that the counted
+// pointers handed to attributeOp never free it.
+struct StackResult {
+   StackResult() { box.referencesInc(); }
+   GenericIf::Result box;
+   Kel::Ptr<GenericIf::Result> ptr() { return Kel::Ptr<GenericIf::Result>(&box); }
+};
+
+} // namespace
+
 GenericIf::Ptr GenericIf::attribute(String8 const & name) {
-   Kel::Ptr<Result> r(new Result);
-   attributeOp(AttributeOp{AttributeOp::get, attributeId(name)}, nullptr, r);
-   return r->val();
+   StackResult r;
+   attributeOp(AttributeOp{AttributeOp::get, attributeId(name)}, nullptr, r.ptr());
+   return r.box.val();
 }
 
 void GenericIf::attributeIs(String8 const & name, PtrConst const & v) {
@@ -120,9 +132,9 @@ void GenericIf::attributeIs(String8 const & name, PtrConst const & v) {
 }
 
 GenericIf::Ptr GenericIf::attributeAt(String8 const & name, PtrConst const & key) {
-   Kel::Ptr<Result> r(new Result);
-   attributeOp(AttributeOp{AttributeOp::index, attributeId(name)}, key, r);
-   return r->val();
+   StackResult r;
+   attributeOp(AttributeOp{AttributeOp::index, attributeId(name)}, key, r.ptr());
+   return r.box.val();
 }
 
 KelType const * GenericIf::List::type() const {

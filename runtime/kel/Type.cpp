@@ -45,16 +45,23 @@ void KelType::typeNodeIs(String8 const & qualifiedName) const {
    registered_ = true;
 }
 
-std::vector<AttrDesc> const & KelType::attributes() const { return attrs_; }
-
-AttrDesc const * KelType::attribute(AttributeId id) const {
+AttrDesc const * KelType::attributeSlow(AttributeId id) const {
    for (auto const & a : attrs_) {
       if (a.id == id) return &a;
    }
    return nullptr;
 }
 
+void KelType::attributesDone() {
+   byName_.clear();
+   for (uint32_t i = 0; i < attrs_.size(); ++i) byName_.emplace(attrs_[i].name, i);
+}
+
 AttrDesc const * KelType::attribute(std::string_view name) const {
+   if (!byName_.empty()) {
+      auto it = byName_.find(name);
+      return it == byName_.end() ? nullptr : &attrs_[it->second];
+   }
    for (auto const & a : attrs_) {
       if (name == a.name) return &a;
    }
@@ -164,6 +171,7 @@ KelType const * makeEnumType(EnumInfo const & info, size_t size) {
       d.valueType = &builtinType<uint32_t>;
       t->attrs_.push_back(d);
    }
+   t->attributesDone();
    return t;
 }
 

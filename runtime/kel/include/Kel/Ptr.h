@@ -63,7 +63,8 @@ class PtrInterface {
    // Allocation goes through the runtime so that it can be counted and
    // replaced in one place.
    static void * operator new(size_t n);
-   static void operator delete(void * p) noexcept;
+   // Sized: the virtual destructor passes the size of the whole object.
+   static void operator delete(void * p, size_t n) noexcept;
    static void * operator new(size_t, void * where) noexcept { return where; }
 
  private:

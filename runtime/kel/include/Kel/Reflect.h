@@ -125,6 +125,7 @@ KelType const * makeValueType() {
    std::sort(t->attrs_.begin(), t->attrs_.end(),
              [](AttrDesc const & a, AttrDesc const & b) { return a.id < b.id; });
    t->newInstance = &valueFromList<V>;
+   t->attributesDone();
    return t;
 }
 
@@ -267,6 +268,7 @@ KelType const * makeEntityType() {
       };
    }
    entityFactories<E>(t, std::make_index_sequence<std::tuple_size_v<decltype(ctor)>>{});
+   t->attributesDone();
    if (t->newEntity) {
       t->newInstance = [t](GenericIf const & args) -> GenericIf::Ptr {
          return GenericIf::Ptr(new GenericEntity<Entity>(t->newEntity(args)));

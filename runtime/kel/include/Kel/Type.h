@@ -11,6 +11,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace Kel {
@@ -106,9 +108,19 @@ class KelType {
    bool registered() const { return registered_; }
 
    // Attributes in identifier order, base type's first.
-   std::vector<AttrDesc> const & attributes() const;
-   AttrDesc const * attribute(AttributeId id) const;
+   std::vector<AttrDesc> const & attributes() const { return attrs_; }
+   // Identifiers are consecutive, so the look-up by identifier is an index.
+   AttrDesc const * attribute(AttributeId id) const {
+      if (!attrs_.empty()) {
+         size_t i = size_t(id) - attrs_[0].id;
+         if (i < attrs_.size() && attrs_[i].id == id) return &attrs_[i];
+      }
+      return attributeSlow(id);
+   }
    AttrDesc const * attribute(std::string_view name) const;
+   // Builds the look-up by name; the type's maker calls it once the
+   // attributes are complete.
+   void attributesDone();
    std::vector<String8> const & constructorArgNames() const { return ctorArgNames_; }
    std::vector<KelType const *> const & constructorArgTypes() const { return ctorArgTypes_; }
 
@@ -131,6 +143,8 @@ class KelType {
    std::vector<KelType const *> ctorArgTypes_;
 
  private:
+   AttrDesc const * attributeSlow(AttributeId id) const;
+   std::unordered_map<std::string_view, uint32_t> byName_;
    String8 name_;
    Kind kind_;
    KelType const * base_;
