@@ -58,17 +58,17 @@ TEST(HashMap, RandomInsertsAndDeletesMatchAReferenceMap) {
       ASSERT_TRUE(m.find(k));
       EXPECT_EQ(m.find(k)->value, v);
    }
-   EXPECT_LE(m.size(), m.buckets());
+   EXPECT_LE(2 * m.size(), m.buckets());
 }
 
 TEST(HashMap, GrowsAndShrinksAndFreesItsBucketsWhenEmpty) {
    Map m;
    EXPECT_EQ(m.buckets(), 0u);
    for (uint32_t k = 0; k < 1000; ++k) m.insert(k, 0);
-   EXPECT_EQ(m.buckets(), 1024u);
+   EXPECT_EQ(m.buckets(), 2048u);  // at most half full
    expectReversedHashOrder(m);
    for (uint32_t k = 0; k < 990; ++k) m.erase(m.find(k));
-   EXPECT_LE(m.buckets(), 64u);
+   EXPECT_LE(m.buckets(), 128u);
    expectReversedHashOrder(m);
    for (uint32_t k = 990; k < 1000; ++k) EXPECT_TRUE(m.find(k));
    for (uint32_t k = 990; k < 1000; ++k) m.erase(m.find(k));

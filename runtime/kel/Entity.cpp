@@ -135,26 +135,12 @@ uint64_t heapSnapshotCount = 0;
 
 uint64_t SnapshotIterator::heapSnapshots() { return heapSnapshotCount; }
 
-SnapshotIterator::SnapshotIterator(ReactorList const & l) : n_(l.registered()) {
-   if (n_ <= inlineCapacity) {
-      data_ = inline_;
-   } else {
-      data_ = new PtrInterface::NotifieeConst *[n_];
-      ++heapSnapshotCount;
-   }
-   for (uint32_t i = 0; i < n_; ++i) {
-      data_[i] = l[i];
-      data_[i]->referencesInc();
-   }
+void SnapshotIterator::allocHeap() {
+   data_ = new PtrInterface::NotifieeConst *[n_];
+   ++heapSnapshotCount;
 }
 
-SnapshotIterator::~SnapshotIterator() {
-   // Entries not yet handed out (only after an exception escaped).
-   for (uint32_t i = 0; i < n_; ++i) {
-      if (data_[i]) data_[i]->referencesDec();
-   }
-   if (data_ != inline_) delete[] data_;
-}
+void SnapshotIterator::freeHeap() { delete[] data_; }
 
 // --- Entity ----------------------------------------------------------------------
 

@@ -64,7 +64,7 @@ void HashMapGeneric::newMemberG(HashMapNode * n, HashMapVTable const & vt) {
       buckets_ = static_cast<HashMapNode **>(std::calloc(1, sizeof(HashMapNode *)));
       if (!buckets_) throw std::bad_alloc();
       log2_ = 0;
-   } else if (size_ + 1 > buckets() && log2_ < 31) {
+   } else if (size_ + 1 > buckets() / 2 && log2_ < 31) {
       resize(uint8_t(log2_ + 1));
    }
    HashMapNode ** link = &buckets_[bucketOf(n->rhash)];
@@ -87,7 +87,7 @@ void HashMapGeneric::deleteMember(HashMapNode * n, HashMapVTable const & vt) {
       std::free(buckets_);
       buckets_ = nullptr;
       log2_ = 0;
-   } else if (log2_ > 0 && size_ < (buckets() >> 2)) {
+   } else if (log2_ > 0 && size_ < (buckets() >> 3)) {
       resize(uint8_t(log2_ - 1));
    }
    kelRelease(n, vt);

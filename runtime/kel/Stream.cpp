@@ -243,14 +243,13 @@ void Writer::writeRef(Out & out, Entity const * e) {
 template <class F>
 void Writer::compose(uint8_t type, F body) {
    Out msg;
-   msg.putU32(0);
-   msg.putU8(type);
+   size_t frame = beginFrame(msg, type);
    std::vector<Entity *> fresh;
    std::vector<Entity *> * outer = newlyReferenced_;
    newlyReferenced_ = &fresh;
    body(msg);
    newlyReferenced_ = outer;
-   msg.patchU32(0, uint32_t(msg.size() - 4));
+   endFrame(msg, frame);
    createAll(fresh);
    out_.append(msg.data(), msg.size());
    ++messages_;
@@ -290,9 +289,7 @@ void Writer::emitState(EntityAdapter * a) {
       if (!d.replicated()) continue;
       if (d.logWriteAll) {
          compose(msgCollAll, [&](Out & o) {
-            o.putU32(a->id());
-            o.putU32(d.id);
-            o.putU8(tokenBegin);
+            putAttrHead(o, a->id(), d.id);
             d.logWriteAll(a->entity(), o, this);
             o.putU8(tokenEnd);
          });
@@ -306,18 +303,14 @@ void Writer::writeAttr(EntityAdapter * a, AttrDesc const & d) {
    if (d.logWriteAll) {
       // A collection's bit is its has-synced bit: send it whole.
       compose(msgCollAll, [&](Out & o) {
-         o.putU32(a->id());
-         o.putU32(d.id);
-         o.putU8(tokenBegin);
+         putAttrHead(o, a->id(), d.id);
          d.logWriteAll(a->entity(), o, this);
          o.putU8(tokenEnd);
       });
       return;
    }
    compose(msgAttr, [&](Out & o) {
-      o.putU32(a->id());
-      o.putU32(d.id);
-      o.putU8(tokenBegin);
+      putAttrHead(o, a->id(), d.id);
       d.logWrite(a->entity(), o, this);
       o.putU8(tokenEnd);
    });
@@ -325,9 +318,7 @@ void Writer::writeAttr(EntityAdapter * a, AttrDesc const & d) {
 
 void Writer::writeMember(EntityAdapter * a, AttrDesc const & d, std::string const & key) {
    compose(msgMember, [&](Out & o) {
-      o.putU32(a->id());
-      o.putU32(d.id);
-      o.putU8(tokenBegin);
+      putAttrHead(o, a->id(), d.id);
       In k(key.data(), key.size());
       d.logWriteMember(a->entity(), k, o, this);
       o.putU8(tokenEnd);

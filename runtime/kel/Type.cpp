@@ -54,6 +54,8 @@ AttrDesc const * KelType::attributeSlow(AttributeId id) const {
 
 void KelType::attributesDone() {
    byName_.clear();
+   // Small types are searched directly, which is faster than hashing.
+   if (attrs_.size() <= 16) return;
    for (uint32_t i = 0; i < attrs_.size(); ++i) byName_.emplace(attrs_[i].name, i);
 }
 
@@ -63,7 +65,7 @@ AttrDesc const * KelType::attribute(std::string_view name) const {
       return it == byName_.end() ? nullptr : &attrs_[it->second];
    }
    for (auto const & a : attrs_) {
-      if (name == a.name) return &a;
+      if (!name.empty() && a.name[0] == name[0] && name == a.name) return &a;
    }
    return nullptr;
 }

@@ -66,6 +66,8 @@ struct Kel::BuiltinName<Brik::MaybeU63> {
 // On the attribute log: the stored word, top bit included.
 template <>
 struct Kel::NboAttrLog::Nbo<Brik::MaybeU63> {
+   static constexpr size_t fixedSize = 8;
+   static void store(char *& p, Brik::MaybeU63 v) { storeBE(p, v.word()); }
    static void write(Out & o, Brik::MaybeU63 v, RefCodec *) { o.putU64(v.word()); }
    static Brik::MaybeU63 read(In & i, RefCodec *) { return Brik::MaybeU63::fromWord(i.nextU64()); }
 };

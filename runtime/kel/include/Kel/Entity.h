@@ -62,7 +62,13 @@ class SnapshotIterator {
  public:
    static constexpr uint32_t inlineCapacity = 8;
    explicit SnapshotIterator(ReactorList const & l);
-   ~SnapshotIterator();
+   ~SnapshotIterator() {
+      // Entries not yet handed out (only after an exception escaped).
+      for (uint32_t i = 0; i < n_; ++i) {
+         if (data_[i]) data_[i]->referencesDec();
+      }
+      if (data_ != inline_) freeHeap();
+   }
    SnapshotIterator(SnapshotIterator const &) = delete;
    SnapshotIterator & operator=(SnapshotIterator const &) = delete;
 
@@ -77,6 +83,8 @@ class SnapshotIterator {
    static uint64_t heapSnapshots();
 
  private:
+   void allocHeap();
+   void freeHeap();
    PtrInterface::NotifieeConst * inline_[inlineCapacity];
    PtrInterface::NotifieeConst ** data_;
    uint32_t n_;
@@ -225,6 +233,23 @@ inline PtrInterface::NotifieeConst * ReactorList::operator[](uint32_t i) const {
    return static_cast<Entity::NotifieeConst *>(data_[i]);
 }
 
+inline SnapshotIterator::SnapshotIterator(ReactorList const & l) : n_(l.registered()) {
+   if (n_ <= inlineCapacity) {
+      data_ = inline_;
+   } else {
+      allocHeap();
+   }
+   bool plain = !detail::threadSafePointers;
+   for (uint32_t i = 0; i < n_; ++i) {
+      data_[i] = l[i];
+      if (plain) {
+         data_[i]->referencesIncPlain();
+      } else {
+         data_[i]->referencesInc();
+      }
+   }
+}
+
 inline void const * kelFirstArg() { return nullptr; }
 template <class K>
 void const * kelFirstArg(K const & k) {
@@ -237,6 +262,7 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
    // reference to it.
    Kel::Ptr<Entity const> self(references() ? this : nullptr);
    SnapshotIterator snap(reactors_);
+   bool plain = !detail::threadSafePointers;
    for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
       auto * r = static_cast<Entity::NotifieeConst *>(snap.take(i));
       // Only the snapshot holds it: released or deregistered meanwhile.
@@ -252,7 +278,11 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
             kelDeliverException(r, id);
          }
       }
-      r->referencesDec();
+      if (plain) {
+         r->referencesDecPlain();
+      } else {
+         r->referencesDec();
+      }
    }
 }
 

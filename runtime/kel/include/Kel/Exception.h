@@ -112,7 +112,7 @@ class Expect {
 
  private:
    int64_t prev_;
-   static thread_local int64_t current_ __attribute__((tls_model("initial-exec")));
+   static constinit thread_local int64_t current_ __attribute__((tls_model("initial-exec")));
 };
 
 } // namespace Kel

@@ -65,18 +65,18 @@ class Out {
       v = __builtin_bswap32(v);
       std::memcpy(buf_ + at, &v, 4);
    }
-
- private:
-   template <class T>
-   void putRaw(T v) {
-      std::memcpy(room(sizeof(T)), &v, sizeof(T));
-   }
-   // Space for n more bytes at the end; the buffer grows by doubling.
+   // Space for n more bytes at the end, to be filled by the caller.
    char * room(size_t n) {
       if (size_ + n > cap_) grow(size_ + n);
       char * p = buf_ + size_;
       size_ += n;
       return p;
+   }
+
+ private:
+   template <class T>
+   void putRaw(T v) {
+      std::memcpy(room(sizeof(T)), &v, sizeof(T));
    }
    void grow(size_t need) {
       size_t cap = cap_ ? cap_ * 2 : 256;
@@ -139,6 +139,30 @@ class In {
    char const * end_;
 };
 
+// Frames and attribute messages. A frame is a 32-bit length of what
+// follows, a message type byte and the message; an attribute message starts
+// with the entity's number, the attribute and a transaction-begin token,
+// and ends with a transaction-end token after the value.
+constexpr uint8_t tokenBegin = 0xb1;
+constexpr uint8_t tokenEnd = 0xe1;
+
+inline size_t beginFrame(Out & o, uint8_t type) {
+   size_t at = o.size();
+   char * p = o.room(5);
+   std::memset(p, 0, 4);
+   p[4] = char(type);
+   return at;
+}
+inline void endFrame(Out & o, size_t at) { o.patchU32(at, uint32_t(o.size() - at - 4)); }
+
+inline void putAttrHead(Out & o, uint32_t entity, uint32_t attr) {
+   char * p = o.room(9);
+   uint32_t e = __builtin_bswap32(entity), a = __builtin_bswap32(attr);
+   std::memcpy(p, &e, 4);
+   std::memcpy(p + 4, &a, 4);
+   p[8] = char(tokenBegin);
+}
+
 // An enumeration number the reader does not know. The update that carries
 // it is skipped and counted; the stream goes on.
 class UnknownEnum : public RangeException {
@@ -158,14 +182,41 @@ class RefCodec {
 template <class T, class Enable = void>
 struct Nbo;
 
+// Encodings of a fixed width (fixedSize > 0) can also be stored straight
+// into reserved space, which lets a record of such fields reserve once.
+template <class T>
+constexpr size_t nboFixedSize() {
+   if constexpr (requires { Nbo<T>::fixedSize; }) {
+      return Nbo<T>::fixedSize;
+   } else {
+      return 0;
+   }
+}
+
+template <class T>
+inline void storeBE(char *& p, T v) {
+   if constexpr (sizeof(T) == 2) v = T(__builtin_bswap16(v));
+   else if constexpr (sizeof(T) == 4) v = T(__builtin_bswap32(v));
+   else if constexpr (sizeof(T) == 8) v = T(__builtin_bswap64(v));
+   std::memcpy(p, &v, sizeof(T));
+   p += sizeof(T);
+}
+
 template <>
 struct Nbo<bool> {
+   static constexpr size_t fixedSize = 1;
+   static void store(char *& p, bool v) { *p++ = char(v ? 1 : 0); }
    static void write(Out & o, bool v, RefCodec *) { o.put(v); }
    static bool read(In & i, RefCodec *) { return i.nextbool(); }
 };
 
 template <std::integral T>
 struct Nbo<T, std::enable_if_t<!std::is_same_v<T, bool>>> {
+   static constexpr size_t fixedSize = sizeof(T);
+   static void store(char *& p, T v) {
+      using U = std::make_unsigned_t<T>;
+      storeBE(p, U(v));
+   }
    static void write(Out & o, T v, RefCodec *) {
       if constexpr (sizeof(T) == 1) o.putU8(uint8_t(v));
       else if constexpr (sizeof(T) == 2) o.putU16(uint16_t(v));
@@ -182,6 +233,12 @@ struct Nbo<T, std::enable_if_t<!std::is_same_v<T, bool>>> {
 
 template <>
 struct Nbo<double> {
+   static constexpr size_t fixedSize = 8;
+   static void store(char *& p, double v) {
+      uint64_t w;
+      std::memcpy(&w, &v, 8);
+      storeBE(p, w);
+   }
    static void write(Out & o, double v, RefCodec *) { o.putDouble(v); }
    static double read(In & i, RefCodec *) { return i.nextdouble(); }
 };
@@ -200,6 +257,8 @@ struct Nbo<Name> {
 
 template <Enumeration E>
 struct Nbo<E> {
+   static constexpr size_t fixedSize = 4;
+   static void store(char *& p, E v) { storeBE(p, uint32_t(v)); }
    static void write(Out & o, E v, RefCodec *) { o.putU32(uint32_t(v)); }
    static E read(In & i, RefCodec *) {
       uint32_t v = i.nextU32();
@@ -210,7 +269,29 @@ struct Nbo<E> {
 
 template <ValueType V>
 struct Nbo<V> {
+   static constexpr size_t fixedTotal() {
+      return std::apply(
+          [](auto const &... f) -> size_t {
+             size_t n = 0;
+             bool all = true;
+             ((all = all && nboFixedSize<typename std::decay_t<decltype(f)>::Type>() > 0,
+               n += nboFixedSize<typename std::decay_t<decltype(f)>::Type>()),
+              ...);
+             return all ? n : 0;
+          },
+          V::kelFields());
+   }
    static void write(Out & o, V const & v, RefCodec * rc) {
+      if constexpr (fixedTotal() > 0) {
+         // All fields of fixed width: reserve once, store each.
+         char * p = o.room(fixedTotal());
+         std::apply(
+             [&](auto const &... f) {
+                (Nbo<typename std::decay_t<decltype(f)>::Type>::store(p, v.*(f.member)), ...);
+             },
+             V::kelFields());
+         return;
+      }
       std::apply(
           [&](auto const &... f) {
              (Nbo<typename std::decay_t<decltype(f)>::Type>::write(o, v.*(f.member), rc), ...);

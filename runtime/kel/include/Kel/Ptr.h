@@ -56,6 +56,13 @@ class PtrInterface {
       if (left == 0) const_cast<PtrInterface *>(this)->kelLastReferenceGone();
    }
 
+   // The same, for callers that have read the thread-safety switch once
+   // and know counts are plain integers.
+   void referencesIncPlain() const { ++refs_; }
+   void referencesDecPlain() const {
+      if (--refs_ == 0) const_cast<PtrInterface *>(this)->kelLastReferenceGone();
+   }
+
    // Called with true when the count reaches 0, just before deletion.
    // Entities tell their reactors here (onZeroReferences).
    virtual void zeroReferencesIs(bool) {}

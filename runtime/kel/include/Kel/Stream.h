@@ -73,8 +73,6 @@ enum MsgType : uint8_t {
    msgForget = 8,
    msgRoot = 9,  // names the served entity; creating it creates its subtree
 };
-constexpr uint8_t tokenBegin = 0xb1;
-constexpr uint8_t tokenEnd = 0xe1;
 constexpr uint32_t maxFrame = 64u << 20;
 
 class Writer;

@@ -105,6 +105,8 @@ struct Kel::BuiltinName<Zenet::IntfId> {
 // On the attribute log: the 64-bit word.
 template <>
 struct Kel::NboAttrLog::Nbo<Zenet::IntfId> {
+   static constexpr size_t fixedSize = 8;
+   static void store(char *& p, Zenet::IntfId v) { storeBE(p, v.intfIdValue()); }
    static void write(Out & o, Zenet::IntfId v, RefCodec *) { o.putU64(v.intfIdValue()); }
    static Zenet::IntfId read(In & i, RefCodec *) { return Zenet::IntfId(i.nextU64()); }
 };
