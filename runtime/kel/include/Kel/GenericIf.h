@@ -202,9 +202,9 @@ T fromGeneric(GenericIf const & g, const char * attr) {
       if (!t) GenericIf::throwTypeException(attr);
       return T(t);
    } else {
-      auto const * v = dynamic_cast<GenericValue<T> const *>(&g);
-      if (!v) GenericIf::throwTypeException(attr);
-      return v->value();
+      // Only a GenericValue<T> reports T's type object.
+      if (g.type() != typeOf<T>()) GenericIf::throwTypeException(attr);
+      return static_cast<GenericValue<T> const &>(g).value();
    }
 }
 
