@@ -66,7 +66,7 @@ struct Pipe {
 // Runs `reader` in a child process on one end of a socket pair and returns
 // the socket end for the writer. The child reports through `result`.
 struct Peer {
-   explicit Peer(std::function<std::string(int fd, Pipe & ready)> reader) {
+   explicit Peer(std::function<std::string(int fd, Pipe & ready, Pipe & go)> reader) {
       registerTestTypes();
       EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
       pid = ::fork();
@@ -74,7 +74,7 @@ struct Peer {
          ::close(sv[0]);
          std::string r;
          try {
-            r = reader(sv[1], ready);
+            r = reader(sv[1], ready, go);
          } catch (std::exception const & e) {
             r = std::string("exception: ") + e.what();
          }
@@ -130,7 +130,7 @@ std::string describe(Thing const & t) {
 } // namespace
 
 TEST(Replication, ReaderGetsTheWholeStateThenEveryChangeThroughItsReactors) {
-   Peer peer([](int fd, Pipe & ready) {
+   Peer peer([](int fd, Pipe & ready, Pipe &) {
       ActivityLoop loop;
       Reader reader(fd, "");
       loop.add(&reader);
@@ -176,7 +176,7 @@ TEST(Replication, ReaderGetsTheWholeStateThenEveryChangeThroughItsReactors) {
 }
 
 TEST(Replication, AReplicaRefusesLocalWritesAndStaysUnchanged) {
-   Peer peer([](int fd, Pipe &) {
+   Peer peer([](int fd, Pipe &, Pipe &) {
       ActivityLoop loop;
       Reader reader(fd, "");
       loop.add(&reader);
@@ -208,7 +208,7 @@ TEST(Replication, AReplicaRefusesLocalWritesAndStaysUnchanged) {
 }
 
 TEST(Replication, AStalledReaderCostsTheWriterBoundedMemoryAndGetsTheLatestValue) {
-   Peer peer([](int fd, Pipe & ready) {
+   Peer peer([](int fd, Pipe & ready, Pipe & go) {
       ActivityLoop loop;
       Reader reader(fd, "");
       loop.add(&reader);
@@ -218,9 +218,7 @@ TEST(Replication, AStalledReaderCostsTheWriterBoundedMemoryAndGetsTheLatestValue
       w->notifierIs(root);
       ready.send("synced");
       // Stall: read nothing until the writer has made all its writes.
-      char c;
-      (void)!::read(ready.fd[0], &c, 0);
-      ::sleep(1);
+      go.receive();
       loop.runUntil([&] { return root->count() == 1000000 || reader.closed(); }, 20000);
       // Only latest values travel: far fewer callbacks than writes.
       return "count=" + std::to_string(root->count()) + " coalesced:" +
@@ -243,6 +241,7 @@ TEST(Replication, AStalledReaderCostsTheWriterBoundedMemoryAndGetsTheLatestValue
    EXPECT_TRUE(writer.flowOut());
    // Bounded: the buffer's size plus at most one message beyond it.
    EXPECT_LE(maxPending, 64u * 1024 + 64);
+   peer.go.send("go");
    loop.runUntil([&] { return !writer.flowOut() && writer.pending() == 0; }, 20000);
    EXPECT_EQ(peer.finish(), "count=1000000 coalesced:yes");
 }

@@ -28,6 +28,7 @@ void VFPtrInterface::enableThreadSafePointers() { detail::threadSafePointers = t
 #define KEL_NO_POOL 1
 #endif
 
+#ifndef KEL_NO_POOL
 namespace {
 
 constexpr size_t poolClass = 16;
@@ -38,6 +39,7 @@ struct FreeNode {
 thread_local FreeNode * freeLists[poolMax / poolClass + 1] __attribute__((tls_model("initial-exec")));
 
 } // namespace
+#endif
 
 void * PtrInterface::operator new(size_t n) {
 #ifndef KEL_NO_POOL
