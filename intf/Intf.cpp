@@ -1,6 +1,11 @@
 // Hand-written behaviour of the model's records.
+#include <Intf/GlobalIntfConfig.h>
+#include <Intf/IntfConfig.h>
+#include <Intf/IntfCounter.h>
+#include <Intf/IntfStatus.h>
 #include <Intf/Startup.h>
 #include <Intf/Types.h>
+#include <Zenet/NamespaceName.h>
 
 namespace Interface {
 
@@ -27,7 +32,13 @@ void kelInitIntf() {
                        _fwkType_PktType(), _fwkType_DropPrecedence(), IntfStatistics::_fwkType(),
                        IntfRates::_fwkType(), LoadInterval::_fwkType(),
                        IntfConfigRequest::_fwkType(), IntfStatusOperStatusChange::_fwkType(),
-                       QueueCounterConstants::_fwkType()});
+                       QueueCounterConstants::_fwkType(), IntfConfig::_fwkType(),
+                       IntfStatus::_fwkType(), IntfStatusLocal::_fwkType(),
+                       GlobalIntfConfig::_fwkType(), IntfNamespaceConfig::_fwkType(),
+                       Bogon::_fwkType(), IntfCounter::_fwkType(), IntfAclDrops::_fwkType(),
+                       IntfCounterDirBase::_fwkType(), IntfCounterDir::_fwkType(),
+                       IntfCounterDirDirBase::_fwkType(), AllIntfCounterDir::_fwkType()});
+   Kel::describeTypes("Zenet", {Zenet::NamespaceName::_fwkType()});
 }
 
 void kelModuleIntf() {
@@ -35,6 +46,10 @@ void kelModuleIntf() {
    Kel::moduleInitializedIs("Intf");
    Kel::registerTypes<IntfOperStatus, IntfEnabledState, IntfForwardingModel, IntfLoggingMode,
                       PktType, DropPrecedence, IntfStatistics, IntfRates, LoadInterval,
-                      IntfConfigRequest, IntfStatusOperStatusChange, QueueCounterConstants>();
+                      IntfConfigRequest, IntfStatusOperStatusChange, QueueCounterConstants,
+                      Zenet::NamespaceName, IntfConfig, IntfStatus, IntfStatusLocal,
+                      GlobalIntfConfig, IntfNamespaceConfig, Bogon, IntfCounter, IntfAclDrops,
+                      IntfCounterDirBase, IntfCounterDir, IntfCounterDirDirBase,
+                      AllIntfCounterDir>();
    kelInitIntf();
 }

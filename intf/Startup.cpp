@@ -3,6 +3,8 @@
 // are called from here, in the order the model requires; type objects are
 // made on first use and never depend on initialisation order.
 #include <Intf/Startup.h>
+#include <Kel/Dir.h>
+#include <Kel/Value.h>
 
 #include <iostream>
 
@@ -11,6 +13,9 @@ namespace {
 struct Startup {
    Startup() {
       static std::ios_base::Init streams;  // the standard streams, once
+      // The runtime's plain directory, so that replicas can rebuild trees of them.
+      Kel::registerTypes<Kel::Dir>();
+      kelModuleIntfStatusDir();
       kelModuleIntf();
       kelModuleIntfIntfId();
       kelModuleMovingAverage();

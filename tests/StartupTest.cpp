@@ -1,6 +1,7 @@
 // Start-up: modules initialise in the fixed order and register their types,
 // also in a fresh process that loads the library with dlopen.
 #include <Intf/IntfIntfId.h>
+#include <Intf/IntfStatusDir.h>
 #include <Intf/Startup.h>
 #include <Intf/Types.h>
 
@@ -24,7 +25,8 @@ std::vector<std::string> lines(std::string const & text, std::string const & pre
    return out;
 }
 
-const std::vector<std::string> moduleOrder = {"Intf", "IntfIntfId", "MovingAverage"};
+const std::vector<std::string> moduleOrder = {"IntfStatusDir", "Intf", "IntfIntfId",
+                                              "MovingAverage"};
 
 } // namespace
 
@@ -46,6 +48,57 @@ TEST(Startup, ModulesRanInOrderAndTypesAreFindableByName) {
    EXPECT_LT(pos("Zenet::TestIntfId"), pos("Zenet::LoopbackIntfId"));
    EXPECT_LT(pos("Zenet::VxlanTunnelIntfId"), pos("Zenet::GreTunnelIntfId"));
    EXPECT_LT(pos("Interface::QueueCounterConstants"), pos("Zenet::TestIntfId"));
+   EXPECT_LT(pos("Interface::DeviceVrfIntfStatusDir"), pos("Interface::IntfOperStatus"));
+   EXPECT_LT(pos("Interface::IntfConfig"), pos("Interface::AllIntfCounterDir"));
+}
+
+TEST(Startup, EveryModelEntityIsCreatableByTypeName) {
+   using Kel::toGeneric;
+   auto config = Interface::intfConfigFactory(Zenet::IntfId("Ethernet1"));
+   auto byId = [](const char * id) { return toGeneric(Zenet::IntfId(id)); };
+   auto byName = [](const char * n) { return toGeneric(Kel::String8(n)); };
+   const std::pair<const char *, std::vector<Kel::GenericIf::PtrConst>> cases[] = {
+       {"Interface::IntfConfig", {byId("Ethernet1")}},
+       {"Interface::IntfStatus",
+        {byId("Ethernet1"), toGeneric(Interface::IntfConfig::PtrConst(config)),
+         toGeneric(uint32_t(3))}},
+       {"Interface::IntfStatusLocal", {byId("Ethernet1")}},
+       {"Interface::GlobalIntfConfig", {byName("Ethernet1")}},
+       {"Interface::IntfNamespaceConfig", {byId("Ethernet1")}},
+       {"Interface::Bogon", {byName("Ethernet1")}},
+       {"Interface::IntfCounter", {byName("Ethernet1")}},
+       {"Interface::IntfAclDrops", {byName("Ethernet1")}},
+       {"Interface::IntfCounterDirBase", {byId("Ethernet1")}},
+       {"Interface::IntfCounterDir", {byName("Ethernet1")}},
+       {"Interface::IntfCounterDirDirBase", {byName("Ethernet1")}},
+       {"Interface::AllIntfCounterDir", {byName("Ethernet1")}},
+       {"Interface::AllIntfConfigDir", {byName("Ethernet1")}},
+       {"Interface::AllIntfStatusDir", {byName("Ethernet1")}},
+       {"Interface::AllIntfStatusLocalDir", {byName("Ethernet1")}},
+       {"Interface::AllIntfNamespaceConfigDir", {byName("Ethernet1")}},
+       {"Interface::KernelIntfStatusDir", {byName("Ethernet1")}},
+       {"Interface::IntfConfigDirBase", {byName("Ethernet1")}},
+       {"Interface::IntfStatusDirBase", {byName("Ethernet1")}},
+       {"Interface::IntfStatusDir", {byName("Ethernet1")}},
+       {"Interface::IntfStatusLocalDirBase", {byName("Ethernet1")}},
+       {"Interface::DeviceIntfStatusDir", {byName("Ethernet1")}},
+       {"Interface::DeviceVrfIntfStatusDir", {toGeneric(Kel::Name("Ethernet1")),
+                                              toGeneric(Kel::Name("red"))}},
+   };
+   for (auto const & [type, args] : cases) {
+      auto const * t = Kel::findType(type);
+      ASSERT_TRUE(t && t->newEntity) << type;
+      auto e = t->newEntity(Kel::GenericIf::List(args));
+      ASSERT_TRUE(e) << type;
+      EXPECT_EQ(e->fwkType(), t) << type;
+      EXPECT_EQ(e->name(), Kel::Name("Ethernet1")) << type;
+   }
+   auto status = Kel::dynamicCast<Interface::IntfStatus>(
+       Kel::findType("Interface::IntfStatus")
+           ->newEntity(Kel::GenericIf::List(std::vector<Kel::GenericIf::PtrConst>(
+               cases[1].second))));
+   EXPECT_EQ(status->defaultConfig(), config);
+   EXPECT_EQ(status->genId(), 3u);
 }
 
 TEST(Startup, AFreshProcessLoadingTheLibraryGetsTheSameOrder) {

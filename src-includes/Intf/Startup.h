@@ -4,7 +4,8 @@
 
 #include <Kel/Type.h>
 
-void kelModuleIntf();           // enumerations and records
+void kelModuleIntfStatusDir();  // configuration and status directories
+void kelModuleIntf();           // records, configuration, status and counter entities
 void kelModuleIntfIntfId();     // typed identifier views
 void kelModuleMovingAverage();  // rates (no types)
 

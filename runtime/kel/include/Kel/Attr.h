@@ -127,7 +127,9 @@ void writeOnceGuard(P & field, P const & prev, const char * qualifiedAttr) {
 template <class T, class... A>
 void checkReinstantiate(T const & child, A const &... args) {
    constexpr auto ctor = T::kelCtorFields();
-   static_assert(sizeof...(A) + 1 <= std::tuple_size_v<decltype(ctor)>,
+   // A child with no constructor rows of its own (it is made from its
+   // name) has nothing to compare.
+   static_assert(sizeof...(A) == 0 || sizeof...(A) + 1 <= std::tuple_size_v<decltype(ctor)>,
                  "more constructor arguments than constructor parameters");
    auto given = std::forward_as_tuple(args...);
    [&]<size_t... I>(std::index_sequence<I...>) {
@@ -462,7 +464,7 @@ void checkReinstantiate(T const & child, A const &... args) {
       d.get = [](void const *) { return ::Kel::toGeneric(Type(value)); };             \
       v.push_back(d);                                                                 \
    }
-#define KEL_EA_DESC_Hook(an, Name)                                                  \
+#define KEL_EA_DESC_Hook(an, Name, ...)                                                \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
       d.name = #an;                                                                 \
