@@ -42,6 +42,7 @@ void registerHashMapBenches();
 void registerTextBenches();
 void registerRatesBenches();
 void registerReplicationBenches();
+void registerScaleBenches();
 
 } // namespace IntfBench
 

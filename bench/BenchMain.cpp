@@ -162,6 +162,7 @@ int main(int argc, char ** argv) {
    registerTextBenches();
    registerRatesBenches();
    registerReplicationBenches();
+   registerScaleBenches();
 
    Collector collector;
    benchmark::RunSpecifiedBenchmarks(&collector);
