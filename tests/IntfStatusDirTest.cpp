@@ -89,6 +89,8 @@ TEST(IntfStatusDir, KernelDirectoryReferencesStatusesByDeviceName) {
    kernel->intfStatusIs("et1", status);
    kernel->intfStatusIs("et1", status);
    kernel->intfStatusDel("et1");
+   kernel->intfStatusNew("et2", status);  // stored, not announced
+   EXPECT_EQ(kernel->intfStatus("et2"), status);
    EXPECT_EQ(heard->keys, (Keys{"et1", "et1"}));
    EXPECT_EQ(status->parent(), owner);  // referenced, never reparented
 }

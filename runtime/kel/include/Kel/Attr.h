@@ -683,6 +683,11 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_API_RefColl(name, Name, MapT, Key, T)                                   \
    KEL_EA_ENTITY_LOOKUP_(name, Key, T)                                                \
    KEL_EA_COLL_COMMON_(name, Name, MapT, Key, ::Kel::Ptr<T>)                           \
+   /* Inserts or replaces without announcing it. */                                  \
+   void name##New(Key const & k, ::Kel::Ptr<T> const & v) {                           \
+      if (!v) ::Kel::throwNullParameter("_" #name, kelTypeName);                      \
+      if (::Kel::collSet(name##_, k, v, this)) kelModified();                         \
+   }                                                                                  \
    void name##Is(Key const & k, ::Kel::Ptr<T> const & v) {                            \
       if (!v) ::Kel::throwNullParameter("_" #name, kelTypeName);                      \
       if (!::Kel::collSet(name##_, k, v, this)) return;                               \
