@@ -5,6 +5,8 @@
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
 
+#include "Pipe.h"
+
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -22,24 +24,6 @@ using Zenet::IntfId;
 
 namespace {
 
-// One line of text from one process to the other.
-struct Pipe {
-   Pipe() { EXPECT_EQ(::pipe(fd), 0); }
-   ~Pipe() {
-      ::close(fd[0]);
-      ::close(fd[1]);
-   }
-   void send(std::string const & s) const {
-      std::string line = s + "\n";
-      (void)!::write(fd[1], line.data(), line.size());
-   }
-   std::string receive() const {
-      std::string s;
-      for (char c; ::read(fd[0], &c, 1) == 1 && c != '\n';) s += c;
-      return s;
-   }
-   int fd[2];
-};
 
 std::ostringstream heard;
 

@@ -5,6 +5,8 @@
 
 #include <Kel/Stream.h>
 
+#include "Pipe.h"
+
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -43,25 +45,6 @@ struct Watch : Thing::NotifieeConst {
    uint64_t counts = 0;
 };
 
-// A pipe for one line of text from the child.
-struct Pipe {
-   Pipe() { EXPECT_EQ(::pipe(fd), 0); }
-   ~Pipe() {
-      ::close(fd[0]);
-      ::close(fd[1]);
-   }
-   void send(std::string const & s) const {
-      std::string line = s + "\n";
-      (void)!::write(fd[1], line.data(), line.size());
-   }
-   std::string receive() const {
-      std::string s;
-      char c;
-      while (::read(fd[0], &c, 1) == 1 && c != '\n') s += c;
-      return s;
-   }
-   int fd[2];
-};
 
 // Runs `reader` in a child process on one end of a socket pair and returns
 // the socket end for the writer. The child reports through `result`.

@@ -345,29 +345,20 @@ void checkReinstantiate(T const & child, A const &... args) {
       KEL_EA_DESC_HEAD_(an, Ctor, ::Kel::attrCtorParam, Type)                       \
       KEL_EA_DESC_GET_(an) v.push_back(d);                                          \
    }
-#define KEL_EA_DESC_Scalar(an, Name, Type, dflt)                                    \
+// Scalars, pointers and write-once pointers: a value read and written
+// whole, replicated as one attribute message.
+#define KEL_EA_DESC_VALUE_(an, ak, T)                                                 \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
-      KEL_EA_DESC_HEAD_(an, Scalar, ::Kel::attrWritable | ::Kel::attrNotifying, Type) \
-      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, Type) KEL_EA_LOG_SCALAR_(an, Type)   \
+      KEL_EA_DESC_HEAD_(an, ak, ::Kel::attrWritable | ::Kel::attrNotifying, T)        \
+      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, T) KEL_EA_LOG_SCALAR_(an, T)          \
       v.push_back(d);                                                                 \
    }
-#define KEL_EA_DESC_Ptr(an, Name, Target, nullable)                                 \
-   {                                                                                  \
-      ::Kel::AttrDesc d;                                                              \
-      KEL_EA_DESC_HEAD_(an, Ptr, ::Kel::attrWritable | ::Kel::attrNotifying,        \
-                        ::Kel::Ptr<Target>)                                           \
-      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>)                   \
-      KEL_EA_LOG_SCALAR_(an, ::Kel::Ptr<Target>) v.push_back(d);                      \
-   }
-#define KEL_EA_DESC_WriteOnce(an, Name, Target)                                     \
-   {                                                                                  \
-      ::Kel::AttrDesc d;                                                              \
-      KEL_EA_DESC_HEAD_(an, WriteOnce, ::Kel::attrWritable | ::Kel::attrNotifying,  \
-                        ::Kel::Ptr<Target>)                                           \
-      KEL_EA_DESC_GET_(an) KEL_EA_DESC_SET_(an, ::Kel::Ptr<Target>)                   \
-      KEL_EA_LOG_SCALAR_(an, ::Kel::Ptr<Target>) v.push_back(d);                      \
-   }
+#define KEL_EA_DESC_Scalar(an, Name, Type, dflt) KEL_EA_DESC_VALUE_(an, Scalar, Type)
+#define KEL_EA_DESC_Ptr(an, Name, Target, nullable) \
+   KEL_EA_DESC_VALUE_(an, Ptr, ::Kel::Ptr<Target>)
+#define KEL_EA_DESC_WriteOnce(an, Name, Target) \
+   KEL_EA_DESC_VALUE_(an, WriteOnce, ::Kel::Ptr<Target>)
 #define KEL_EA_DESC_Cache(an, Name, Target)                                         \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
