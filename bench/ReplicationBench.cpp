@@ -17,8 +17,10 @@
 #include <cstring>
 #include <vector>
 
-namespace {
+namespace IntfBench {
 
+// Outside an anonymous namespace, as every entity type of the benchmarks:
+// the compiler must not see the whole hierarchy.
 #define KEL_ATTRS_BenchStamp(X)                                                       \
    X(Scalar, count, Count, uint64_t, 0)                                               \
    X(Scalar, stamp, Stamp, uint64_t, 0)
@@ -27,6 +29,12 @@ class BenchStamp : public Kel::Entity {
  public:
    explicit BenchStamp(Kel::Name n) : Kel::Entity(std::move(n)) {}
 };
+
+} // namespace IntfBench
+
+namespace {
+
+using IntfBench::BenchStamp;
 
 uint64_t nowNs() {
    timespec t;
