@@ -754,11 +754,7 @@ void checkReinstantiate(T const & child, A const &... args) {
       ATTRS(KEL_EA_DESC_)                                                             \
       return v;                                                                       \
    }                                                                                  \
-   using GenericIf_ = ::Kel::GenericEntity<KelSelf>;                                  \
-   static ::Kel::KelType const * _fwkType() {                                         \
-      static ::Kel::KelType const * t = ::Kel::makeEntityType<KelSelf>();             \
-      return t;                                                                       \
-   }                                                                                  \
+   KEL_TYPE_OBJECT_(GenericEntity, makeEntityType)                                    \
    ::Kel::KelType const * fwkType() const override { return _fwkType(); }            \
    ::Kel::Ptr<::Kel::Entity> kelChildNamed(std::string_view n) const override {       \
       ATTRS(KEL_EA_CHILD_)                                                            \

@@ -213,6 +213,15 @@ struct Text<E> {
 
 } // namespace Kel
 
+// The reflection wrapper and the type object of every declared type (records
+// and entities alike), made on first use.
+#define KEL_TYPE_OBJECT_(Wrapper, maker)                                              \
+   using GenericIf_ = ::Kel::Wrapper<KelSelf>;                                        \
+   static ::Kel::KelType const * _fwkType() {                                         \
+      static ::Kel::KelType const * t = ::Kel::maker<KelSelf>();                      \
+      return t;                                                                       \
+   }
+
 // ---- value type pattern -------------------------------------------------------------
 
 #define KEL_VF_STORAGE_Field(name, Type, dflt) Type name##_ = dflt;
@@ -307,11 +316,7 @@ struct Text<E> {
       FIELDS(KEL_VF_EXTRA_)                                                            \
       return v;                                                                        \
    }                                                                                   \
-   using GenericIf_ = ::Kel::GenericValue<KelSelf>;                                    \
-   static ::Kel::KelType const * _fwkType() {                                          \
-      static ::Kel::KelType const * t = ::Kel::makeValueType<KelSelf>();               \
-      return t;                                                                        \
-   }                                                                                   \
+   KEL_TYPE_OBJECT_(GenericValue, makeValueType)                                      \
                                                                                       \
  private:                                                                             \
    FIELDS(KEL_VF_STORAGE_)                                                            \
