@@ -107,6 +107,13 @@ struct Child {
    pid_t pid;
 };
 
+// The reader's replica of the served entity, once it has the whole state.
+BenchStamp::Ptr mount(Kel::ActivityLoop & loop, Kel::NboAttrLog::Reader & reader) {
+   loop.add(&reader);
+   loop.runUntil([&] { return reader.synced(); }, 10000);
+   return Kel::dynamicCast<BenchStamp>(reader.root());
+}
+
 constexpr uint64_t throughputUpdates = 2000000;
 
 // Updates per second that the reader applies (through its mutators, with
@@ -116,9 +123,7 @@ double replicationThroughput() {
    Child child([](int fd, int readyFd) {
       Kel::ActivityLoop loop;
       Kel::NboAttrLog::Reader reader(fd, "");
-      loop.add(&reader);
-      loop.runUntil([&] { return reader.synced(); }, 10000);
-      auto root = Kel::dynamicCast<BenchStamp>(reader.root());
+      auto root = mount(loop, reader);
       struct Count : BenchStamp::NotifieeConst {
          void onCount() override { ++n; }
          uint64_t n = 0;
@@ -156,9 +161,7 @@ double replicationP99() {
    Child child([](int fd, int readyFd) {
       Kel::ActivityLoop loop;
       Kel::NboAttrLog::Reader reader(fd, "");
-      loop.add(&reader);
-      loop.runUntil([&] { return reader.synced(); }, 10000);
-      auto root = Kel::dynamicCast<BenchStamp>(reader.root());
+      auto root = mount(loop, reader);
       struct Lat : BenchStamp::NotifieeConst {
          void onStamp() override { lat.push_back(nowNs() - notifier()->stamp()); }
          std::vector<uint64_t> lat;

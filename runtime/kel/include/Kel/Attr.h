@@ -316,10 +316,7 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_MSELF_ static_cast<KelSelf *>(o)
 #define KEL_EA_DESC_(ak, an, Name, ...) KEL_EA_DESC_##ak(an, Name, __VA_ARGS__)
 #define KEL_EA_DESC_HEAD_(an, ak, af, T) \
-   d.name = #an;                              \
-   d.id = kelId_##an;                         \
-   d.kind = ::Kel::AttrKind::ak;              \
-   d.flags = af;                             \
+   KEL_DESC_ID_(an, ak, af)                 \
    d.valueType = &::Kel::typeOf<T>;
 #define KEL_EA_DESC_GET_(an)                                                        \
    d.get = [](void const * o) { return ::Kel::toGeneric(KEL_EA_SELF_->an()); };
@@ -458,10 +455,7 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_DESC_Hook(an, Name, ...)                                                \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
-      d.name = #an;                                                                 \
-      d.id = kelId_##an;                                                            \
-      d.kind = ::Kel::AttrKind::Hook;                                                 \
-      d.flags = ::Kel::attrOperation;                                                 \
+      KEL_DESC_ID_(an, Hook, ::Kel::attrOperation)                                    \
       v.push_back(d);                                                                 \
    }
 

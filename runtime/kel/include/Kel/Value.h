@@ -261,13 +261,16 @@ struct Text<E> {
 // Reflection of the rows that are neither fields nor constants.
 #define KEL_VF_EXTRA_Field(name, Type, dflt)
 #define KEL_VF_EXTRA_Const(name, Type, value)
+// Name, identifier, kind and flags of an attribute descriptor `d`.
+#define KEL_DESC_ID_(an, ak, af)                                                      \
+   d.name = #an;                                                                      \
+   d.id = kelId_##an;                                                                 \
+   d.kind = ::Kel::AttrKind::ak;                                                      \
+   d.flags = af;
 #define KEL_VF_EXTRA_Derived(an, Type)                                                \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
-      d.name = #an;                                                                   \
-      d.id = kelId_##an;                                                              \
-      d.kind = ::Kel::AttrKind::Derived;                                              \
-      d.flags = ::Kel::attrDerived;                                                   \
+      KEL_DESC_ID_(an, Derived, ::Kel::attrDerived)                                   \
       d.valueType = &::Kel::typeOf<Type>;                                             \
       d.get = [](void const * o) {                                                    \
          return ::Kel::toGeneric(static_cast<KelSelf const *>(o)->an());              \
@@ -277,10 +280,7 @@ struct Text<E> {
 #define KEL_VF_EXTRA_Call(an)                                                         \
    {                                                                                  \
       ::Kel::AttrDesc d;                                                              \
-      d.name = #an;                                                                   \
-      d.id = kelId_##an;                                                              \
-      d.kind = ::Kel::AttrKind::Hook;                                                 \
-      d.flags = ::Kel::attrOperation;                                                 \
+      KEL_DESC_ID_(an, Hook, ::Kel::attrOperation)                                    \
       d.call = [](void *, ::Kel::GenericIf const & args) {                            \
          return ::Kel::invokeGeneric(&KelSelf::an, args, #an);                        \
       };                                                                              \
