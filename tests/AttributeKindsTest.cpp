@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -290,4 +291,44 @@ TEST_F(AttributeKindsTest, AttributeIdentifiersNumberOnFromTheBaseType) {
    EXPECT_EQ(Thing::kelId_doubled, 269u);  // derived and constant rows take their number too
    EXPECT_EQ(KelTest::SubThing::kelId_extra, Thing::kelAttrEnd);
    EXPECT_EQ(Thing::kelAttrs[Thing::kelAttrCount - 1].name, std::string("ordered"));
+}
+
+TEST_F(AttributeKindsTest, DeletingAMemberCountsOneChangeAndDeletingAnAbsentKeyNothing) {
+   // One scenario per collection kind: fill, delete an absent key, delete a
+   // present one, delete it again.
+   struct Case {
+      const char * name;
+      std::function<void()> add, delPresent, delAbsent;
+      std::function<size_t()> size;
+   };
+   auto leaf = Kel::makePtr<Leaf>(IntfId("Ethernet1"));
+   const Case cases[] = {
+       {"value", [&] { thing->requestorIs("x", true); }, [&] { thing->requestorDel("x"); },
+        [&] { thing->requestorDel("y"); }, [&] { return thing->requestorSize(); }},
+       {"record",
+        [&] { thing->requestIs(IntfConfigRequest(IntfId("Ethernet1"), "a"), true); },
+        [&] { thing->requestDel(IntfConfigRequest(IntfId("Ethernet1"), "a")); },
+        [&] { thing->requestDel(IntfConfigRequest(IntfId("Ethernet1"), "b")); },
+        [&] { return thing->requestSize(); }},
+       {"entity", [&] { thing->leafIs(leaf); }, [&] { thing->leafDel(IntfId("Ethernet1")); },
+        [&] { thing->leafDel(IntfId("Ethernet2")); }, [&] { return thing->leafSize(); }},
+       {"reference", [&] { thing->byNameIs("e1", leaf); }, [&] { thing->byNameDel("e1"); },
+        [&] { thing->byNameDel("e2"); }, [&] { return thing->byNameSize(); }},
+       {"instantiating", [&] { thing->queuesIs(4, PktType::uc); }, [&] { thing->queuesDel(4); },
+        [&] { thing->queuesDel(5); }, [&] { return thing->queuesSize(); }},
+       {"ordered", [&] { thing->orderedIs(3, "v"); }, [&] { thing->orderedDel(3); },
+        [&] { thing->orderedDel(4); }, [&] { return thing->orderedSize(); }},
+   };
+   for (auto const & c : cases) {
+      c.add();
+      uint32_t mc = thing->modificationCount();
+      c.delAbsent();
+      EXPECT_EQ(thing->modificationCount(), mc) << c.name;
+      EXPECT_EQ(c.size(), 1u) << c.name;
+      c.delPresent();
+      EXPECT_EQ(thing->modificationCount(), mc + 1) << c.name;
+      EXPECT_EQ(c.size(), 0u) << c.name;
+      c.delPresent();
+      EXPECT_EQ(thing->modificationCount(), mc + 1) << c.name;
+   }
 }

@@ -46,37 +46,42 @@ using Calls = std::vector<std::string>;
 
 } // namespace
 
-TEST(IntfConfig, EnabledStatesFallBackToTheDefaultConfigsLocalState) {
+TEST(IntfConfig, EachEnabledStateFallsBackToItsOwnFieldOfTheDefaultConfig) {
+   // The admin and plain enabled states are set to different values on both
+   // configurations, so a fallback that reads the other field shows.
    struct Case {
-      S local;
+      S admin, enabled;              // local states of the configuration
       bool withDefault;
-      S defaultLocal;
-      S state;
-      bool flag;
+      S defAdmin, defEnabled;        // local states of the default
+      S wantAdmin, wantEnabled;
    };
+   const S U = S::unknownEnabledState, E = S::enabled, D = S::shutdown;
    const Case cases[] = {
-       {S::unknownEnabledState, false, S::unknownEnabledState, S::unknownEnabledState, true},
-       {S::unknownEnabledState, true, S::unknownEnabledState, S::unknownEnabledState, true},
-       {S::unknownEnabledState, true, S::shutdown, S::shutdown, false},
-       {S::unknownEnabledState, true, S::enabled, S::enabled, true},
-       {S::enabled, true, S::shutdown, S::enabled, true},
-       {S::shutdown, true, S::enabled, S::shutdown, false},
-       {S::shutdown, false, S::unknownEnabledState, S::shutdown, false},
+       {U, U, false, U, U, U, U},
+       {U, U, true, U, U, U, U},
+       {U, U, true, D, E, D, E},
+       {U, U, true, E, D, E, D},
+       {U, E, true, D, U, D, E},
+       {D, U, true, U, E, D, E},
+       {E, U, true, D, D, E, D},
+       {U, D, true, E, E, E, D},
+       {D, E, false, U, U, D, E},
    };
    for (auto const & k : cases) {
       auto c = Kel::makePtr<IntfConfig>(IntfId("Ethernet1"));
       auto d = Kel::makePtr<IntfConfig>(IntfId("Ethernet2"));
       if (k.withDefault) c->defaultConfigIs(d);
-      c->adminEnabledStateLocalIs(k.local);
-      c->enabledStateLocalIs(k.local);
-      d->adminEnabledStateLocalIs(k.defaultLocal);
-      d->enabledStateLocalIs(k.defaultLocal);
-      std::string what = stringValue(k.local).str() + (k.withDefault ? " over " : " alone ") +
-                         stringValue(k.defaultLocal).str();
-      EXPECT_EQ(c->adminEnabledState(), k.state) << what;
-      EXPECT_EQ(c->enabledState(), k.state) << what;
-      EXPECT_EQ(c->adminEnabled(), k.flag) << what;
-      EXPECT_EQ(c->enabled(), k.flag) << what;
+      c->adminEnabledStateLocalIs(k.admin);
+      c->enabledStateLocalIs(k.enabled);
+      d->adminEnabledStateLocalIs(k.defAdmin);
+      d->enabledStateLocalIs(k.defEnabled);
+      std::string what = stringValue(k.admin).str() + "/" + stringValue(k.enabled).str() +
+                         (k.withDefault ? " over " : " alone ") + stringValue(k.defAdmin).str() +
+                         "/" + stringValue(k.defEnabled).str();
+      EXPECT_EQ(c->adminEnabledState(), k.wantAdmin) << what;
+      EXPECT_EQ(c->enabledState(), k.wantEnabled) << what;
+      EXPECT_EQ(c->adminEnabled(), k.wantAdmin != D) << what;
+      EXPECT_EQ(c->enabled(), k.wantEnabled != D) << what;
    }
 }
 

@@ -78,6 +78,31 @@ TEST_F(NotificationTest, ReactorUnregisteringItselfFinishesAndIsNotCalledAgain) 
    EXPECT_EQ(thing->reactorCount(), 1u);
 }
 
+TEST_F(NotificationTest, ReactorUnregisteredByAnotherButStillHeldFinishesThisRoundOnly) {
+   // The owner keeps b, so the running snapshot is not b's only holder: b
+   // still hears this change, and nothing after it.
+   auto a = reactor("a"), b = reactor("b"), c = reactor("c");
+   a->action = [&] { b->isRegisteredNotifieeIs(false); };
+   thing->countIs(2);
+   a->action = nullptr;
+   thing->countIs(3);
+   EXPECT_EQ(log, (Log{"a.count", "b.count", "c.count", "a.count", "c.count"}));
+   EXPECT_EQ(b->notifier(), thing);
+}
+
+TEST_F(NotificationTest, ThrowingReactorsNeverStopTheOnesAfterThemOnAnyAttributeKind) {
+   // Every reactor but the last throws, on a scalar and on a collection.
+   auto a = reactor("a"), b = reactor("b"), c = reactor("c");
+   a->action = [] { throw std::runtime_error("a"); };
+   b->action = [] { throw 7; };
+   thing->countIs(5);
+   thing->countIs(6);
+   std::string ex = ".exception." + std::to_string(Thing::kelId_count);
+   EXPECT_EQ(log, (Log{"a.count", "a" + ex, "b.count", "b" + ex, "c.count",
+                       "a.count", "a" + ex, "b.count", "b" + ex, "c.count"}));
+   EXPECT_EQ(thing->count(), 6u);
+}
+
 TEST_F(NotificationTest, ReactorRegisteredInsideACallbackWaitsForTheNextChange) {
    auto a = reactor("a");
    Kel::Ptr<Recorder> late;

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <sstream>
 
@@ -248,6 +249,58 @@ TEST(Replication, DirtyBitsFollowTheDeclarationOrderPerTypeLevel) {
    EXPECT_TRUE(writer.flowOut());
    EXPECT_EQ(a->dirtyBitSet(0), (std::vector<uint8_t>{0x04, 0x01}));
    EXPECT_EQ(a->dirtyBitSet(1), (std::vector<uint8_t>{0x02}));
+   ::close(sv[0]);
+   ::close(sv[1]);
+}
+
+TEST(Replication, ACaughtUpWriterKeepsNothingDirtySoTheNextCongestionSendsOnlyWhatChanged) {
+   registerTestTypes();
+   int sv[2];
+   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+   auto sub = Kel::makePtr<Thing>(2);
+   Writer writer(sv[0], sub, "w", 1);
+   Reader reader(sv[1], "");
+   writer.onReadable();
+   ASSERT_TRUE(writer.serving());
+   auto drain = [&] {
+      for (int i = 0; i < 1000 && (writer.flowOut() || writer.pending() > 0); ++i) {
+         writer.pump();
+         reader.onReadable();
+      }
+      reader.onReadable();
+   };
+   auto clean = [](std::vector<uint8_t> const & bits) {
+      return std::all_of(bits.begin(), bits.end(), [](uint8_t b) { return b == 0; });
+   };
+   drain();
+   ASSERT_TRUE(reader.synced()) << reader.closeReason();
+   auto replica = Kel::dynamicCast<Thing>(reader.root());
+   ASSERT_TRUE(replica);
+   auto w = Kel::makePtr<Watch>();
+   w->notifierIs(replica);
+
+   // First congestion: text fills the buffer, count waits as a dirty bit.
+   sub->textIs("x");
+   sub->countIs(1);
+   auto * a = writer.adapter(sub.ptr());
+   ASSERT_TRUE(a);
+   EXPECT_TRUE(writer.flowOut());
+   drain();
+   EXPECT_FALSE(writer.flowOut());
+   EXPECT_TRUE(clean(a->dirtyBitSet(0)));
+   EXPECT_EQ(replica->count(), 1u);
+
+   // Second congestion changes another attribute: count must not travel again.
+   sub->textIs("yy");
+   sub->flagIs(true);  // the first replicated attribute: bit 1 of byte 0
+   EXPECT_TRUE(writer.flowOut());
+   auto bits = a->dirtyBitSet(0);
+   ASSERT_FALSE(bits.empty());
+   EXPECT_EQ(bits[0], 0x02);
+   EXPECT_TRUE(clean(std::vector<uint8_t>(bits.begin() + 1, bits.end())));
+   drain();
+   EXPECT_TRUE(replica->flag());
+   EXPECT_EQ(w->log.str(), "text=x;count=1;text=yy;");
    ::close(sv[0]);
    ::close(sv[1]);
 }

@@ -141,6 +141,13 @@ TEST(ValueText, AttributesParseInAnyOrderAndRepeatedNamesKeepTheLast) {
    LoadInterval b = parse<LoadInterval>(
        "  Value ( 'Interface::LoadInterval' , ** { 'useDefault' : True } )");
    EXPECT_EQ(b, LoadInterval(true, 300));  // unnamed attributes keep their defaults
+   LoadInterval c = parse<LoadInterval>(
+       "Value('Interface::LoadInterval', ** {'useDefault': False, 'val': 42.0, })");
+   EXPECT_EQ(c, LoadInterval(false, 42));  // a trailing comma before the brace is accepted
+   IntfStatusOperStatusChange d = parse<IntfStatusOperStatusChange>(
+       "Value('Interface::IntfStatus::OperStatusChange', ** {'count': 9,})");
+   EXPECT_EQ(d.count(), 9u);
+   EXPECT_EQ(d.time(), 0.0);
 }
 
 TEST(ValueText, RefusalsCarryTheirFixedTexts) {
@@ -200,6 +207,22 @@ TEST(ValueText, EnumerationsPrintNamesOrTheirNumberForm) {
    }
    EXPECT_THROW(IntfOperStatusInstance(0u), Kel::RangeException);
    EXPECT_THROW(DropPrecedenceInstance(String8("dropPrecedence3")), Kel::RangeException);
+}
+
+TEST(ValueText, EnumeratorNamesParseToTheirDeclaredNumberNotTheirPosition) {
+   // IntfOperStatus numbers from 1, so every name sits one below its number.
+   const std::pair<const char *, uint32_t> cases[] = {
+       {"intfOperUp", 1},      {"intfOperDown", 2},     {"intfOperTesting", 3},
+       {"intfOperUnknown", 4}, {"intfOperDormant", 5},  {"intfOperNotPresent", 6},
+       {"intfOperLowerLayerDown", 7},
+   };
+   for (auto const & [name, number] : cases) {
+      EXPECT_EQ(uint32_t(IntfOperStatusInstance(String8(name))), number) << name;
+      IntfOperStatus parsed;
+      Kel::strepToValue(String8(std::string("'") + name + "'"), &parsed);
+      EXPECT_EQ(uint32_t(parsed), number) << name;
+      EXPECT_EQ(stringValue(IntfOperStatus(number)), String8(name));
+   }
 }
 
 TEST(ValueText, RecordEqualityAndOrder) {
