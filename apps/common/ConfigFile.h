@@ -1,0 +1,78 @@
+// The configuration file of the interface agents: what an operator writes,
+// parsed into settings that the configuration agent turns into the model's
+// configuration entities.
+//
+//   # one statement per line; '#' starts a comment that runs to the end
+//   global load-interval=60 link-status-logging=on
+//   Ethernet1 admin=up mtu=9000 load-interval=30 description="uplink to spine 1"
+//   Ethernet2 admin=down device=veth2 netns=blue
+//
+// A statement is `global` or an interface name, followed by settings
+// `key=value`. A value is a bare word or a double-quoted string in which \"
+// and \\ stand for " and \. Settings of an interface:
+//   admin          up | down
+//   mtu            68 to 65535
+//   load-interval  5 to 600 seconds, or `default` (follow the global one)
+//   description    any text up to 240 bytes
+//   netns          the network namespace the interface lives in
+//   device         the kernel device that carries the interface (1 to 15
+//                  bytes, no '/' or blank), overriding the agents' mapping
+// Settings of `global`: load-interval (5 to 600 seconds), link-status-logging
+// (on | off). A setting left out keeps its default.
+#pragma once
+
+#include <Intf/Types.h>
+#include <Zenet/IntfId.h>
+#include <Zenet/NamespaceName.h>
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace IntfApp {
+
+struct IntfSettings {
+   Zenet::IntfId intfId;
+   unsigned line = 0;  // where the interface is configured
+   std::optional<bool> adminUp;
+   std::optional<uint32_t> mtu;
+   std::optional<Interface::LoadInterval> loadInterval;
+   std::optional<std::string> description;
+   std::optional<Zenet::NamespaceName> netNs;
+   std::optional<std::string> device;
+};
+
+struct GlobalSettings {
+   std::optional<Interface::LoadInterval> loadInterval;
+   std::optional<Interface::IntfLoggingMode> linkStatusLogging;
+};
+
+struct ConfigFile {
+   GlobalSettings global;
+   std::vector<IntfSettings> intfs;  // in file order
+   IntfSettings const * intf(Zenet::IntfId id) const;
+};
+
+// A file that cannot be used: what() is "<file>:<line>: <reason>" (line 0
+// for the file as a whole).
+class ConfigError : public std::runtime_error {
+ public:
+   ConfigError(std::string const & file, unsigned line, std::string const & reason);
+   unsigned line() const { return line_; }
+
+ private:
+   unsigned line_;
+};
+
+// Files larger than this are refused whole.
+inline constexpr size_t maxConfigBytes = 1 << 20;
+
+// Parses the whole text; the first bad line throws ConfigError.
+ConfigFile parseConfig(std::string_view text, std::string const & fileName);
+// Reads and parses a file; an unreadable file throws ConfigError (line 0).
+ConfigFile readConfigFile(std::string const & path);
+
+} // namespace IntfApp
