@@ -1,0 +1,35 @@
+// Tells when a file has been written or replaced, through inotify on its
+// directory (editors and configuration tools often write a new file and
+// rename it over the old one, which a watch on the file itself would miss).
+// One source of the agent's activity loop.
+#pragma once
+
+#include <Kel/Stream.h>
+
+#include <functional>
+#include <string>
+
+namespace IntfApp {
+
+class FileWatch : public Kel::ActivityLoop::Source {
+ public:
+   // `changed` runs once per batch of events that concern the file (written
+   // and closed, renamed into place, created, removed).
+   FileWatch(std::string const & path, std::function<void()> changed);
+   ~FileWatch() override;
+   FileWatch(FileWatch const &) = delete;
+   FileWatch & operator=(FileWatch const &) = delete;
+
+   bool valid() const { return fd_ >= 0; }
+   std::string const & error() const { return error_; }
+   int fd() const override { return fd_; }
+   void onReadable() override;
+
+ private:
+   int fd_ = -1;
+   std::string name_;
+   std::string error_;
+   std::function<void()> changed_;
+};
+
+} // namespace IntfApp
