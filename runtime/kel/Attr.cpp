@@ -8,6 +8,11 @@ void throwNullParameter(const char * attr, const char * qualifiedType) {
                        "::" + (attr + 1) + " not allowed\"");
 }
 
+void throwCycle(Entity const * owner, Entity const * child) {
+   throwRangeException(String8("Entity ") + child->name() + " cannot be placed in " + owner->name() +
+                       ": it is that entity or one of its ancestors");
+}
+
 void throwReinstantiate(String8 const & child, const char * attr, String8 const & newValue,
                         String8 const & curValue) {
    throwNameInUseException(String8("Reinstantiating the entity with name ") + child +

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <unordered_map>
 #include <vector>
@@ -10,7 +11,7 @@ namespace Kel {
 
 namespace detail {
 bool threadSafePointers = false;
-thread_local bool applyingReplicaUpdate = false;
+thread_local void const * applyingReplicaEntity = nullptr;
 } // namespace detail
 
 void VFPtrInterface::enableThreadSafePointers() { detail::threadSafePointers = true; }
@@ -69,12 +70,33 @@ void PtrInterface::operator delete(void * p, size_t n) noexcept {
    ::operator delete(p);
 }
 
+namespace {
+// Objects whose last reference went while another object was being
+// deleted: deleted by the outermost deletion, one after the other, so that
+// a long chain of owners (a directory in a directory in ...) never costs
+// one stack frame per link.
+thread_local bool deleting = false;
+thread_local std::vector<PtrInterface *> * dying = nullptr;
+} // namespace
+
 void PtrInterface::kelLastReferenceGone() {
    // A large count while dying, so that references taken and dropped by
    // zero-reference handlers cannot bring it to zero a second time.
    refs_ = 1u << 30;
    zeroReferencesIs(true);
+   if (deleting) {
+      if (!dying) dying = new std::vector<PtrInterface *>;
+      dying->push_back(this);
+      return;
+   }
+   deleting = true;
    delete this;
+   while (dying && !dying->empty()) {
+      PtrInterface * next = dying->back();
+      dying->pop_back();
+      delete next;
+   }
+   deleting = false;
 }
 
 // --- ReactorList ---------------------------------------------------------------
@@ -148,24 +170,29 @@ void SnapshotIterator::freeHeap() { delete[] data_; }
 
 namespace {
 
-// Peers of read-only replicas, by entity.
-std::unordered_map<Entity const *, String8> & proxyPeers() {
-   static auto * m = new std::unordered_map<Entity const *, String8>;
+// Peers of read-only replicas, by entity; replicas of one peer share its name.
+std::unordered_map<Entity const *, std::shared_ptr<String8 const>> & proxyPeers() {
+   static auto * m = new std::unordered_map<Entity const *, std::shared_ptr<String8 const>>;
    return *m;
 }
 
 } // namespace
 
 void Entity::kelReadOnlyProxyIs(String8 const & peer) {
+   kelReadOnlyProxyIs(std::make_shared<String8 const>(peer));
+}
+
+void Entity::kelReadOnlyProxyIs(std::shared_ptr<String8 const> const & peer) {
    reactors_.ownerFlags_ |= readOnlyFlag;
    proxyPeers()[this] = peer;
 }
 
 void Entity::kelRefuseWrite() const {
-   if (detail::applyingReplicaUpdate) return;
+   if (detail::applyingReplicaEntity == this) return;
    auto it = proxyPeers().find(this);
    throwInternalException(String8("write-update from readonly proxy: ") + fullName() +
-                          " peerName: " + (it == proxyPeers().end() ? String8() : it->second));
+                          " peerName: " +
+                          (it == proxyPeers().end() || !it->second ? String8() : *it->second));
 }
 
 Kel::Ptr<Entity> globalRootEntity();
@@ -213,10 +240,14 @@ void Entity::zeroReferencesIs(bool z) {
 }
 
 String8 Entity::fullName() const {
-   if (!parent_) return name_;
-   String8 p = parent_->fullName();
-   if (p.empty() || p.view().back() != '/') p += '/';
-   p += name_;
+   // Up the chain first, then the names in order: no recursion per level.
+   std::vector<Entity const *> chain;
+   for (Entity const * e = this; e; e = e->parent_) chain.push_back(e);
+   String8 p;
+   for (size_t i = chain.size(); i-- > 0;) {
+      if (i + 1 < chain.size() && (p.empty() || p.view().back() != '/')) p += '/';
+      p += chain[i]->name_;
+   }
    return p;
 }
 

@@ -43,12 +43,26 @@ ssize_t readSome(int fd, std::string & into) {
    return -1;
 }
 
-// Sets a flag for the lifetime of a scope.
+// Lifts the refusal of writes for one replica entity while an update is
+// applied to it.
 struct ApplyingUpdate {
-   ApplyingUpdate() : prev(detail::applyingReplicaUpdate) { detail::applyingReplicaUpdate = true; }
-   ~ApplyingUpdate() { detail::applyingReplicaUpdate = prev; }
-   bool prev;
+   explicit ApplyingUpdate(Entity const * e) : prev(detail::applyingReplicaEntity) {
+      detail::applyingReplicaEntity = e;
+   }
+   ~ApplyingUpdate() { detail::applyingReplicaEntity = prev; }
+   void const * prev;
 };
+
+// Long peer-supplied texts are cut in traces and reasons.
+String8 cut(std::string_view s, size_t max = 120) {
+   if (s.size() <= max) return String8(s);
+   return String8(s.substr(0, max)) + format("... (%zu bytes)", s.size());
+}
+
+uint32_t frameLength(char const * f) {
+   return (uint32_t(uint8_t(f[0])) << 24) | (uint32_t(uint8_t(f[1])) << 16) |
+          (uint32_t(uint8_t(f[2])) << 8) | uint8_t(f[3]);
+}
 
 } // namespace
 
@@ -57,26 +71,49 @@ struct ApplyingUpdate {
 void ActivityLoop::add(Source * s) { sources_.push_back(s); }
 
 void ActivityLoop::remove(Source * s) {
-   sources_.erase(std::remove(sources_.begin(), sources_.end(), s), sources_.end());
+   auto it = std::find(sources_.begin(), sources_.end(), s);
+   if (it == sources_.end()) return;
+   sources_.erase(it);
+   removed_.push_back(s);
 }
 
 int ActivityLoop::runOnce(int timeoutMs) {
+   removed_.clear();
    std::vector<pollfd> fds;
-   std::vector<Source *> srcs = sources_;
-   for (Source * s : srcs) {
+   std::vector<Source *> srcs;
+   for (Source * s : sources_) {
+      if (s->finished()) continue;
       short ev = POLLIN;
       if (s->wantWrite()) ev |= POLLOUT;
       fds.push_back(pollfd{s->fd(), ev, 0});
+      srcs.push_back(s);
    }
-   int n = ::poll(fds.data(), fds.size(), timeoutMs);
+   bool anyFinished = srcs.size() != sources_.size();
+   int n = anyFinished ? ::poll(fds.data(), fds.size(), 0) : ::poll(fds.data(), fds.size(), timeoutMs);
+   auto gone = [&](Source * s) {
+      return std::find(removed_.begin(), removed_.end(), s) != removed_.end();
+   };
    int handled = 0;
    for (size_t i = 0; n > 0 && i < fds.size(); ++i) {
       if (!fds[i].revents) continue;
       ++handled;
-      if (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) srcs[i]->onReadable();
-      if (fds[i].revents & POLLOUT) srcs[i]->onWritable();
+      Source * s = srcs[i];
+      if (gone(s) || s->finished()) continue;
+      if (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) s->onReadable();
+      if (!gone(s) && !s->finished() && (fds[i].revents & POLLOUT)) s->onWritable();
    }
-   for (Source * s : srcs) s->onRoundEnd();
+   for (Source * s : srcs) {
+      if (!gone(s) && !s->finished()) s->onRoundEnd();
+   }
+   // Finished sources leave the loop, then hear it; they may delete themselves.
+   std::vector<Source *> finished;
+   for (Source * s : sources_) {
+      if (s->finished()) finished.push_back(s);
+   }
+   for (Source * s : finished) {
+      remove(s);
+      s->onDropped();
+   }
    return handled;
 }
 
@@ -114,7 +151,13 @@ bool EntityAdapter::dirty() const {
    for (auto const & [id, keys] : dirtyKeys_) {
       if (!keys.empty()) return true;
    }
-   return false;
+   return !cursors_.empty();
+}
+
+void EntityAdapter::markAllDirty() {
+   for (AttrDesc const & d : e_->fwkType()->attributes()) {
+      if (d.replicated()) setBit(d, true);
+   }
 }
 
 void EntityAdapter::kelOnAttribute(AttributeId id, void const * key) {
@@ -128,17 +171,30 @@ bool EntityAdapter::flowOutSome() {
    for (AttrDesc const & d : e_->fwkType()->attributes()) {
       if (!d.replicated()) continue;
       if (bit(d)) {
-         if (!w_->hasRoom()) return false;
+         if (!w_->hasRoom() || w_->closed_) return false;
          setBit(d, false);
-         w_->writeAttr(this, d);
+         if (d.logCursor) {
+            // The whole collection, one member at a time.
+            cursors_[d.id] = d.logCursor(e_);
+         } else {
+            w_->writeAttr(this, d);
+         }
+      }
+      if (auto c = cursors_.find(d.id); c != cursors_.end()) {
+         while (true) {
+            if (!w_->hasRoom() || w_->closed_) return false;
+            Out key;
+            if (!c->second->next(key)) break;
+            w_->writeMember(this, d, std::string(key.data(), key.size()));
+         }
+         cursors_.erase(c);
       }
       auto it = dirtyKeys_.find(d.id);
       if (it == dirtyKeys_.end()) continue;
       auto & keys = it->second;
       while (!keys.empty()) {
-         if (!w_->hasRoom()) return false;
-         std::string k = std::move(keys.back());
-         keys.pop_back();
+         if (!w_->hasRoom() || w_->closed_) return false;
+         std::string k = std::move(keys.extract(keys.begin()).value());
          w_->writeMember(this, d, k);
       }
       dirtyKeys_.erase(it);
@@ -149,7 +205,15 @@ bool EntityAdapter::flowOutSome() {
 // ---- Writer ------------------------------------------------------------------------------------
 
 Writer::Writer(int fd, Ptr<Entity> root, String8 name, size_t bufferBytes)
-      : fd_(fd), root_(std::move(root)), name_(std::move(name)), cap_(bufferBytes) {
+      : Writer(fd, std::move(root), std::move(name), [&] {
+           ConnectionLimits l;
+           l.bufferBytes = bufferBytes;
+           return l;
+        }()) {}
+
+Writer::Writer(int fd, Ptr<Entity> root, String8 name, ConnectionLimits const & limits)
+      : fd_(fd), root_(std::move(root)), name_(std::move(name)), limits_(limits),
+        cap_(limits.bufferBytes) {
    setNonBlocking(fd_);
 }
 
@@ -164,32 +228,89 @@ EntityAdapter * Writer::adapter(Entity const * e) const {
 
 void Writer::close(String8 const & why) {
    if (closed_) return;
+   // Tell the reader why, if the socket takes it now.
+   {
+      Out msg;
+      size_t frame = beginFrame(msg, msgClose);
+      msg.putString(cut(why.view(), 1000).view());
+      endFrame(msg, frame);
+      out_.append(msg.data(), msg.size());
+      while (pending() > 0) {
+         ssize_t r = sendSome(fd_, out_.data() + sent_, pending());
+         if (r <= 0) break;
+         sent_ += size_t(r);
+      }
+   }
    closed_ = true;
-   KEL_TRACE(trace, 0, "closing connection of " + name_ + ": " + why);
-   for (auto & [e, a] : adapters_) a->notifierIs(nullptr);
+   reason_ = why;
+   KEL_TRACE(trace, 0, "closing connection of " + name_ + ": " + cut(why.view()));
+   ::shutdown(fd_, SHUT_RDWR);
+   if (busy_ == 0) teardown();
+}
+
+void Writer::teardown() {
+   if (tornDown_) return;
+   tornDown_ = true;
+   auto adapters = std::move(adapters_);
    adapters_.clear();
+   for (auto & [e, a] : adapters) a->notifierIs(nullptr);
+   adapters.clear();
    dirty_.clear();
+   std::string().swap(out_);
+   std::string().swap(in_);
+   sent_ = 0;
+   served_ = nullptr;
+}
+
+void Writer::onDropped() {
+   if (closeHandler_) closeHandler_(reason_);
+}
+
+Ptr<Entity> Writer::resolveMount(std::string_view path, String8 * why) const {
+   Ptr<Entity> cur = root_;
+   std::string_view rest = path;
+   while (!rest.empty() && cur) {
+      size_t slash = rest.find('/');
+      std::string_view name = rest.substr(0, slash);
+      rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
+      if (name.empty() || name == "." || name == ".." || (slash != std::string_view::npos && rest.empty())) {
+         *why = "mount path must name entities below the served root: " + cut(path);
+         return nullptr;
+      }
+      cur = cur->kelChildNamed(name);
+   }
+   if (!cur) *why = "no entity at " + cut(path);
+   return cur;
 }
 
 void Writer::onReadable() {
    if (closed_) return;
+   Busy busy(this);
    if (readSome(fd_, in_) < 0) {
       close("peer went away");
       return;
    }
    // The reader sends one message: which path to mount.
-   while (in_.size() >= 5) {
-      uint32_t len = (uint32_t(uint8_t(in_[0])) << 24) | (uint32_t(uint8_t(in_[1])) << 16) |
-                     (uint32_t(uint8_t(in_[2])) << 8) | uint8_t(in_[3]);
-      if (len == 0 || len > maxFrame) return close("bad frame from reader");
+   while (!closed_ && in_.size() >= 5) {
+      uint32_t len = frameLength(in_.data());
+      if (len == 0) return close("bad frame from reader");
+      if (len > limits_.pathBytes + 16) {
+         return close(format("mount request of %u bytes exceeds the limit of %zu", len,
+                             limits_.pathBytes + 16));
+      }
       if (in_.size() < 4 + size_t(len)) return;
       In in(in_.data() + 5, len - 1);
       uint8_t type = uint8_t(in_[4]);
       try {
          if (type != msgMount || served_) throw StreamError("unexpected message from reader");
          String8 path = in.nextString();
-         Ptr<Entity> e = root_->entity(path.view());
-         if (!e) throw StreamError("no entity at " + path);
+         if (path.size() > limits_.pathBytes) {
+            throw StreamError(format("mount path of %zu bytes exceeds the limit of %zu", path.size(),
+                                     limits_.pathBytes));
+         }
+         String8 why;
+         Ptr<Entity> e = resolveMount(path.view(), &why);
+         if (!e) throw StreamError(why);
          in_.erase(0, 4 + size_t(len));
          startServing(e);
       } catch (Exception const & ex) {
@@ -200,11 +321,13 @@ void Writer::onReadable() {
 
 void Writer::startServing(Ptr<Entity> e) {
    served_ = e;
+   syncPending_ = true;
    compose(msgHello, [&](Out & o) { o.putString(name_.view()); });
-   // Creating the served entity creates, through the references of its
-   // collections, everything below it.
-   emitCreate(e.ptr());
-   compose(msgSyncDone, [](Out &) {});
+   // Naming the served entity creates it; its state, and through its
+   // collections everything below it, flows out as dirty state, so that a
+   // reader that does not read costs only the buffer.
+   compose(msgRoot, [&](Out & o) { writeRef(o, e.ptr()); });
+   flowOut_ = true;
    pump();
 }
 
@@ -240,8 +363,25 @@ void Writer::writeRef(Out & out, Entity const * e) {
    out.putString(e->fullName().view());
 }
 
+void Writer::sendNow() {
+   while (pending() > 0) {
+      ssize_t r = sendSome(fd_, out_.data() + sent_, pending());
+      if (r < 0) return close("peer went away");
+      if (r == 0) break;
+      sent_ += size_t(r);
+   }
+   if (sent_ == out_.size()) {
+      out_.clear();
+      sent_ = 0;
+   } else if (sent_ > (1u << 20)) {
+      out_.erase(0, sent_);
+      sent_ = 0;
+   }
+}
+
 template <class F>
 void Writer::compose(uint8_t type, F body) {
+   if (closed_) return;
    Out msg;
    size_t frame = beginFrame(msg, type);
    std::vector<Entity *> fresh;
@@ -251,62 +391,61 @@ void Writer::compose(uint8_t type, F body) {
    newlyReferenced_ = outer;
    endFrame(msg, frame);
    createAll(fresh);
+   if (closed_) return;
    out_.append(msg.data(), msg.size());
    ++messages_;
    // Send early when a lot has piled up.
-   if (pending() >= 65536) {
-      ssize_t r = sendSome(fd_, out_.data() + sent_, pending());
-      if (r < 0) {
-         close("peer went away");
-      } else {
-         sent_ += size_t(r);
-      }
-   }
+   if (pending() >= 65536) sendNow();
 }
 
 void Writer::createAll(std::vector<Entity *> const & fresh) {
+   // Only constructor arguments can nest creations here (a member's state is
+   // sent later, from the dirty list), so the depth is that of references
+   // between constructor arguments.
+   if (++createDepth_ > 64) {
+      --createDepth_;
+      return close("entities referenced by constructor arguments nest too deeply");
+   }
    for (Entity * e : fresh) {
+      if (closed_) break;
       EntityAdapter * a = adapter(e);
       if (!a) continue;
-      // Create message first, then the entity's whole state.
       compose(msgCreate, [&](Out & o) {
          o.putU32(a->id());
          o.putString(e->fwkType()->name().view());
          if (e->fwkType()->logWriteCtor) e->fwkType()->logWriteCtor(e, o, this);
       });
+      if (closed_) break;
       a->notifierIs(e);
-      emitState(a);
-   }
-}
-
-void Writer::emitCreate(Entity * e) {
-   // A reference to the entity makes the writer create it.
-   compose(msgRoot, [&](Out & o) { writeRef(o, e); });
-}
-
-void Writer::emitState(EntityAdapter * a) {
-   for (AttrDesc const & d : a->entity()->fwkType()->attributes()) {
-      if (!d.replicated()) continue;
-      if (d.logWriteAll) {
-         compose(msgCollAll, [&](Out & o) {
-            putAttrHead(o, a->id(), d.id);
-            d.logWriteAll(a->entity(), o, this);
-            o.putU8(tokenEnd);
-         });
-      } else {
-         writeAttr(a, d);
+      a->markAllDirty();
+      // Outside the initial state, an entity that appears while the
+      // connection keeps up sends its state at once, in order with the
+      // changes around it. What it creates in turn waits in the dirty list,
+      // so that no subtree is sent by recursion.
+      if (!syncPending_ && !immediate_ && !flowOut_ && hasRoom()) {
+         immediate_ = true;
+         bool done = a->flowOutSome();
+         immediate_ = false;
+         if (done || closed_) continue;
       }
+      if (!a->inDirtyList) {
+         a->inDirtyList = true;
+         dirty_.push_back(a);
+      }
+      flowOut_ = true;
    }
+   --createDepth_;
 }
 
 void Writer::writeAttr(EntityAdapter * a, AttrDesc const & d) {
-   if (d.logWriteAll) {
-      // A collection's bit is its has-synced bit: send it whole.
-      compose(msgCollAll, [&](Out & o) {
-         putAttrHead(o, a->id(), d.id);
-         d.logWriteAll(a->entity(), o, this);
-         o.putU8(tokenEnd);
-      });
+   if (d.logCursor) {
+      // A collection's bit asks for the whole collection.
+      a->setBit(d, true);
+      if (!a->inDirtyList) {
+         a->inDirtyList = true;
+         dirty_.push_back(a);
+      }
+      flowOut_ = true;
       return;
    }
    compose(msgAttr, [&](Out & o) {
@@ -327,6 +466,7 @@ void Writer::writeMember(EntityAdapter * a, AttrDesc const & d, std::string cons
 
 void Writer::changed(EntityAdapter * a, AttrDesc const & d, void const * key) {
    if (closed_ || !served_) return;
+   Busy busy(this);
    std::string k;
    if (key && d.logEncodeKey) {
       Out ko;
@@ -344,8 +484,7 @@ void Writer::changed(EntityAdapter * a, AttrDesc const & d, void const * key) {
    // No room: remember what changed, send its latest value later.
    flowOut_ = true;
    if (d.logEncodeKey) {
-      auto & keys = a->dirtyKeys_[d.id];
-      if (std::find(keys.begin(), keys.end(), k) == keys.end()) keys.push_back(std::move(k));
+      a->dirtyKeys_[d.id].insert(std::move(k));
    } else {
       a->setBit(d, true);
    }
@@ -356,8 +495,14 @@ void Writer::changed(EntityAdapter * a, AttrDesc const & d, void const * key) {
 }
 
 void Writer::forget(EntityAdapter * a) {
+   if (tornDown_) return;
+   Busy busy(this);
    uint32_t id = a->id();
-   if (a->inDirtyList) dirty_.erase(std::find(dirty_.begin(), dirty_.end(), a));
+   if (a->inDirtyList) {
+      auto it = std::find(dirty_.begin(), dirty_.end(), a);
+      if (it != dirty_.end()) dirty_.erase(it);
+      a->inDirtyList = false;
+   }
    Ptr<EntityAdapter> keep = a;
    adapters_.erase(a->entity());
    a->notifierIs(nullptr);
@@ -367,34 +512,34 @@ void Writer::forget(EntityAdapter * a) {
 
 void Writer::pump() {
    if (closed_) return;
-   for (int round = 0; round < 2; ++round) {
-      while (pending() > 0) {
-         ssize_t r = sendSome(fd_, out_.data() + sent_, pending());
-         if (r < 0) return close("peer went away");
-         if (r == 0) break;
-         sent_ += size_t(r);
-      }
-      if (sent_ == out_.size()) {
-         out_.clear();
-         sent_ = 0;
-      } else if (sent_ > (1u << 20)) {
-         out_.erase(0, sent_);
-         sent_ = 0;
-      }
-      if (!flowOut_) return;
-      while (!dirty_.empty() && hasRoom()) {
+   Busy busy(this);
+   for (int round = 0; round < 2 && !closed_; ++round) {
+      sendNow();
+      if (closed_ || !flowOut_) break;
+      while (!closed_ && !dirty_.empty() && hasRoom()) {
          EntityAdapter * a = dirty_.front();
+         Ptr<EntityAdapter> keep = a;
          if (!a->flowOutSome()) break;
+         // Writing may have forgotten it (and taken it off the list).
+         if (!dirty_.empty() && dirty_.front() == a) dirty_.pop_front();
          a->inDirtyList = false;
-         dirty_.pop_front();
       }
-      if (dirty_.empty()) flowOut_ = false;
+      if (!closed_ && dirty_.empty()) {
+         flowOut_ = false;
+         if (syncPending_) {
+            syncPending_ = false;
+            compose(msgSyncDone, [](Out &) {});
+         }
+      }
    }
+   if (!closed_) sendNow();
 }
 
 // ---- Reader ------------------------------------------------------------------------------------
 
-Reader::Reader(int fd, String8 path) : fd_(fd) {
+Reader::Reader(int fd, String8 path) : Reader(fd, std::move(path), ConnectionLimits()) {}
+
+Reader::Reader(int fd, String8 path, ConnectionLimits const & limits) : fd_(fd), limits_(limits) {
    setNonBlocking(fd_);
    Out o;
    o.putU32(0);
@@ -408,7 +553,7 @@ Reader::Reader(int fd, String8 path) : fd_(fd) {
 Reader::~Reader() = default;
 
 void Reader::onWritable() {
-   while (sent_ < out_.size()) {
+   while (!closed_ && sent_ < out_.size()) {
       ssize_t r = sendSome(fd_, out_.data() + sent_, out_.size() - sent_);
       if (r <= 0) return;
       sent_ += size_t(r);
@@ -426,11 +571,23 @@ void Reader::onReadable() {
    if (r < 0 && !closed_) close("writer went away");
 }
 
+void Reader::onDropped() {
+   if (closeHandler_) closeHandler_(reason_);
+}
+
 void Reader::close(String8 const & why) {
    if (closed_) return;
    closed_ = true;
    reason_ = why;
-   KEL_TRACE(trace, 0, "closing connection to " + peer_ + ": " + why);
+   KEL_TRACE(trace, 0, "closing connection to " + cut(peer_.view()) + ": " + cut(why.view()));
+   ::shutdown(fd_, SHUT_RDWR);
+   std::string().swap(in_);
+   std::string().swap(out_);
+   consumed_ = sent_ = 0;
+   // Ids mean nothing any more. A synced replica stays as last known; what
+   // a writer that never finished its initial state sent is dropped.
+   byId_.clear();
+   if (!synced_) root_ = nullptr;
 }
 
 Entity * Reader::entityById(uint32_t id) const {
@@ -445,8 +602,10 @@ Ptr<Entity> Reader::readRef(In & in) {
    if (kind == 1) return Ptr<Entity>(entityById(in.nextU32()));
    if (kind == 2) {
       // Outside the mounted tree: found by its full name in this process's
-      // tree, if it is there.
+      // tree, if it is there. Such an entity may be referred to, never
+      // adopted into a replica's owning collection.
       String8 path = in.nextString();
+      if (owningTarget_) throw StreamError("a reference by name cannot become a member of " + cut(path.view()) + "'s new owner");
       if (path.empty() || path[0] != '/') return nullptr;
       return globalDir()->entity(path.view());
    }
@@ -458,9 +617,11 @@ void Reader::receive(char const * p, size_t n) {
    in_.append(p, n);
    while (!closed_ && in_.size() - consumed_ >= 4) {
       char const * f = in_.data() + consumed_;
-      uint32_t len = (uint32_t(uint8_t(f[0])) << 24) | (uint32_t(uint8_t(f[1])) << 16) |
-                     (uint32_t(uint8_t(f[2])) << 8) | uint8_t(f[3]);
-      if (len == 0 || len > maxFrame) return close("bad frame length");
+      uint32_t len = frameLength(f);
+      if (len == 0) return close("bad frame length");
+      if (len > limits_.frameBytes) {
+         return close(format("message of %u bytes exceeds the limit of %zu", len, limits_.frameBytes));
+      }
       if (in_.size() - consumed_ < 4 + size_t(len)) break;
       In in(f + 5, len - 1);
       uint8_t type = uint8_t(f[4]);
@@ -477,7 +638,9 @@ void Reader::receive(char const * p, size_t n) {
       } catch (std::bad_alloc const &) {
          close("out of memory applying an update");
       }
+      owningTarget_ = false;
    }
+   if (closed_) return;
    if (consumed_ == in_.size()) {
       in_.clear();
       consumed_ = 0;
@@ -489,17 +652,28 @@ void Reader::receive(char const * p, size_t n) {
 
 void Reader::apply(uint8_t type, In & in) {
    switch (type) {
-      case msgHello:
-         peer_ = in.nextString();
+      case msgHello: {
+         String8 name = in.nextString();
+         if (name.size() > limits_.nameBytes) {
+            throw StreamError(format("writer name of %zu bytes exceeds the limit of %zu", name.size(),
+                                     limits_.nameBytes));
+         }
+         peer_ = name;
+         peerShared_ = std::make_shared<String8 const>(peer_);
          return;
+      }
       case msgCreate: {
          uint32_t id = in.nextU32();
          String8 typeName = in.nextString();
          KelType const * t = findType(typeName.view());
-         if (!t || !t->logNewEntity) throw StreamError("unknown type " + typeName);
+         if (!t || !t->logNewEntity) throw StreamError("unknown type " + cut(typeName.view()));
          if (byId_.count(id)) throw StreamError(format("entity %u created twice", id));
+         if (byId_.size() >= limits_.entities) {
+            throw StreamError(format("more than %zu entities from one writer", limits_.entities));
+         }
          Ptr<Entity> e = t->logNewEntity(in, this);
-         e->kelReadOnlyProxyIs(peer_);
+         if (!peerShared_) peerShared_ = std::make_shared<String8 const>(peer_);
+         e->kelReadOnlyProxyIs(peerShared_);
          byId_.emplace(id, e);
          return;
       }
@@ -510,8 +684,10 @@ void Reader::apply(uint8_t type, In & in) {
          AttrDesc const * d = e->fwkType()->attribute(in.nextU32());
          if (!d || !d->replicated()) throw StreamError("unknown attribute");
          if (in.nextU8() != tokenBegin) throw StreamError("missing transaction begin");
+         owningTarget_ = d->kind == AttrKind::EntColl || d->kind == AttrKind::InstColl ||
+                         d->kind == AttrKind::InstChild;
          {
-            ApplyingUpdate applying;
+            ApplyingUpdate applying(e);
             if (type == msgAttr && d->logRead) {
                d->logRead(e, in, this);
             } else if (type == msgMember && d->logReadMember) {
@@ -522,6 +698,7 @@ void Reader::apply(uint8_t type, In & in) {
                throw StreamError("message does not fit the attribute");
             }
          }
+         owningTarget_ = false;
          if (in.nextU8() != tokenEnd) throw StreamError("missing transaction end");
          return;
       }
@@ -534,6 +711,8 @@ void Reader::apply(uint8_t type, In & in) {
       case msgRoot:
          root_ = readRef(in);
          return;
+      case msgClose:
+         throw StreamError("writer closed the connection: " + cut(in.nextString().view(), 1000));
       default:
          throw StreamError(format("unknown message type %u", unsigned(type)));
    }

@@ -48,6 +48,8 @@
 #include <Kel/NboAttrLog.h>
 #include <Kel/Value.h>
 
+#include <charconv>
+#include <memory>
 #include <set>
 #include <tuple>
 #include <vector>
@@ -103,6 +105,76 @@ bool collSet(MapT & m, K const & k, V const & v, Entity const * owner) {
 // "null _x parameter to mutator for Q::x not allowed"" (the closing quote
 // is part of the text).
 [[noreturn]] void throwNullParameter(const char * attr, const char * qualifiedType);
+
+[[noreturn]] void throwCycle(Entity const * owner, Entity const * child);
+// Refuses to make `child` a member of `owner` when `child` is `owner` or
+// one of its ancestors: an entity tree has no cycles.
+inline void checkNoCycle(Entity const * owner, Entity const * child) {
+   for (Entity const * e = owner; e; e = e->parentRaw()) {
+      if (e == child) [[unlikely]] throwCycle(owner, child);
+   }
+}
+
+// The key a child's name stands for, where the key type reads names:
+// names and strings are their own text, other keys parse it (a text that
+// does not parse names no member).
+template <class K>
+bool keyFromName(std::string_view n, K * k) {
+   if constexpr (std::is_same_v<K, Name> || std::is_same_v<K, String8>) {
+      *k = K(n);
+      return true;
+   } else if constexpr (std::is_integral_v<K> && !std::is_same_v<K, bool>) {
+      auto [p, ec] = std::from_chars(n.data(), n.data() + n.size(), *k);
+      return ec == std::errc() && p == n.data() + n.size();
+   } else if constexpr (std::is_constructible_v<K, std::string_view>) {
+      try {
+         *k = K(n);
+         return true;
+      } catch (Exception const &) {
+         return false;
+      }
+   } else {
+      return false;
+   }
+}
+
+// The owned child of a collection named `n`: by the collection's hash when
+// the name reads as a key, else by a walk over the members.
+template <class C>
+Ptr<Entity> childByName(C const & c, std::string_view n) {
+   typename C::KeyType k{};
+   if (keyFromName(n, &k)) {
+      auto * m = c.find(k);
+      if (m && m->value && m->value->name() == n) return m->value;
+      using K = typename C::KeyType;
+      if (std::is_same_v<K, Name> || std::is_same_v<K, String8>) return nullptr;
+   }
+   for (auto * m = c.first(); m; m = c.next(m)) {
+      if (m->value && m->value->name() == n) return m->value;
+   }
+   return nullptr;
+}
+
+// A collection's encoded keys one at a time, for a stream that sends a
+// collection member by member. Holds its place through removals.
+template <class C, class Key>
+struct CollCursorOf : CollCursor {
+   explicit CollCursorOf(C const * c) : c_(c) {}
+   bool next(NboAttrLog::Out & key) override {
+      if (!started_) {
+         it_ = c_->begin();
+         started_ = true;
+      } else if (it_) {
+         ++it_;
+      }
+      if (!it_) return false;
+      NboAttrLog::Nbo<Key>::write(key, it_.key(), nullptr);
+      return true;
+   }
+   C const * c_;
+   typename C::IteratorConst it_;
+   bool started_ = false;
+};
 
 // The write-once guard: clearing is undone, a first set or a rewrite of
 // the same entity is accepted, anything else is reported (and stays stored).
@@ -193,9 +265,7 @@ void checkReinstantiate(T const & child, A const &... args) {
 // ---- children: owning collections, by name and all -------------------------------------------
 #define KEL_EA_CHILD_(kind, name, ...) KEL_EA_CHILD_##kind(name)
 #define KEL_EA_CHILD_OWNED_(an)                                                       \
-   for (auto * m = an##_.first(); m; m = an##_.next(m)) {                             \
-      if (m->value && m->value->name() == n) return m->value;                         \
-   }
+   if (auto c = ::Kel::childByName(an##_, n)) return c;
 #define KEL_EA_CHILD_EntColl(name) KEL_EA_CHILD_OWNED_(name)
 #define KEL_EA_CHILD_InstColl(name) KEL_EA_CHILD_OWNED_(name)
 #define KEL_EA_CHILD_Ctor(name)
@@ -283,6 +353,10 @@ void checkReinstantiate(T const & child, A const &... args) {
          KEL_EA_MSELF_->an##Del(k);                                                   \
       }                                                                               \
    };                                                                                 \
+   d.logCursor = [](void const * o) -> std::unique_ptr<::Kel::CollCursor> {          \
+      using C = std::decay_t<decltype(KEL_EA_SELF_->an##_)>;                          \
+      return std::make_unique<::Kel::CollCursorOf<C, Key>>(&KEL_EA_SELF_->an##_);    \
+   };                                                                                 \
    d.logWriteAll = [](void const * o, ::Kel::NboAttrLog::Out & out,                   \
                       ::Kel::NboAttrLog::RefCodec * rc) {                             \
       auto const & c = KEL_EA_SELF_->an##_;                                           \
@@ -293,10 +367,15 @@ void checkReinstantiate(T const & child, A const &... args) {
       }                                                                               \
    };                                                                                 \
    d.logReadAll = [](void * o, ::Kel::NboAttrLog::In & in, ::Kel::NboAttrLog::RefCodec * rc) { \
-      std::set<Key, ::Kel::KeyLess> seen;                                             \
+      /* The whole message is read before anything is applied: a message */          \
+      /* that fails part way changes nothing. */                                      \
+      std::vector<std::pair<Key, Value>> all;                                         \
       for (uint32_t n = in.nextU32(); n > 0; --n) {                                   \
          Key k = ::Kel::NboAttrLog::Nbo<Key>::read(in, nullptr);                      \
-         Value v = ::Kel::NboAttrLog::Nbo<Value>::read(in, rc);                       \
+         all.emplace_back(std::move(k), ::Kel::NboAttrLog::Nbo<Value>::read(in, rc)); \
+      }                                                                               \
+      std::set<Key, ::Kel::KeyLess> seen;                                             \
+      for (auto const & [k, v] : all) {                                               \
          APPLY(k, v);                                                                 \
          seen.insert(k);                                                              \
       }                                                                               \
@@ -574,6 +653,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    void kelInsert##Nm(::Kel::Ptr<T> const & v) {                                    \
       if (an##_ == v) return;                                                       \
       kelCheckWritable();                                                             \
+      if (v) ::Kel::checkNoCycle(this, v.ptr());                                      \
       if (v) v->parentIs(this);                                                       \
       kelDetach(an##_);                                                             \
       an##_ = v;                                                                    \
@@ -645,6 +725,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    /* Inserts or replaces without notifying; the member becomes a child. */           \
    virtual void name##New(::Kel::Ptr<T> const & v) {                                  \
       Key k = v->keyAttr();                                                           \
+      ::Kel::checkNoCycle(this, v.ptr());                                             \
       v->parentIs(this);                                                              \
       if (auto * m = name##_.find(k)) {                                               \
          kelDetach(m->value);                                                         \
@@ -695,6 +776,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    void kelInsert##Name(Key const & k, ::Kel::Ptr<T> const & v) {                     \
       if (auto * m = name##_.find(k); m && m->value == v) return;                     \
       kelCheckWritable();                                                             \
+      ::Kel::checkNoCycle(this, v.ptr());                                             \
       v->parentIs(this);                                                              \
       if (auto * m = name##_.find(k)) {                                               \
          kelDetach(m->value);                                                         \

@@ -15,6 +15,7 @@
 #include <Kel/Type.h>
 
 #include <cstdint>
+#include <memory>
 
 namespace Kel {
 
@@ -146,6 +147,7 @@ class Entity : public PtrInterface {
    // refused. peer names the process it comes from.
    bool isReadOnlyProxy() const { return reactors_.ownerFlags_ & readOnlyFlag; }
    void kelReadOnlyProxyIs(String8 const & peer);
+   void kelReadOnlyProxyIs(std::shared_ptr<String8 const> const & peer);
 
    // --- used by the generated pattern -----------------------------------
    void kelModified() { ++kelSpare_; }
@@ -261,6 +263,10 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
    // Keep this entity alive across callbacks that may drop the last outside
    // reference to it.
    Kel::Ptr<Entity const> self(references() ? this : nullptr);
+   // A replica update's lifted refusal does not extend to what its
+   // reactors write.
+   void const * applying = detail::applyingReplicaEntity;
+   if (applying) detail::applyingReplicaEntity = nullptr;
    SnapshotIterator snap(reactors_);
    bool plain = !detail::threadSafePointers;
    for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
@@ -284,6 +290,7 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
          r->referencesDec();
       }
    }
+   if (applying) detail::applyingReplicaEntity = applying;
 }
 
 } // namespace Kel

@@ -16,9 +16,10 @@ namespace detail {
 // Set once by VFPtrInterface::enableThreadSafePointers(); read on every count
 // change. Counts are plain integers until then.
 extern bool threadSafePointers;
-// Set while a replication stream applies an update to a replica, which
-// lifts the replica's refusal of writes for that update.
-extern thread_local bool applyingReplicaUpdate;
+// The replica entity a replication stream is applying an update to: its
+// refusal of writes is lifted for that update only (not for other
+// entities, and not for the reactors the update notifies).
+extern thread_local void const * applyingReplicaEntity;
 } // namespace detail
 
 // A counted object. The count starts at 0; the first Ptr takes it to 1.

@@ -28,6 +28,8 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
+#include <set>
 #include <memory>
 #include <unordered_map>
 #include <vector>
@@ -46,8 +48,15 @@ class ActivityLoop {
       virtual void onWritable() {}
       // Called once per round after events: a chance to send what piled up.
       virtual void onRoundEnd() {}
+      // A finished source (a closed connection) is no longer polled; at the
+      // end of the round the loop drops it and then calls onDropped, which
+      // may delete the source.
+      virtual bool finished() const { return false; }
+      virtual void onDropped() {}
    };
    void add(Source * s);
+   // Stops polling `s`; safe from inside a callback of any source, also of
+   // `s` itself, which may then be deleted.
    void remove(Source * s);
    // Waits up to timeoutMs for activity and handles it. Returns the number
    // of sources that had events.
@@ -55,9 +64,12 @@ class ActivityLoop {
    // Runs rounds until `done()` or the time runs out; true when done.
    template <class Pred>
    bool runUntil(Pred done, int timeoutMs);
+   size_t sources() const { return sources_.size(); }
 
  private:
    std::vector<Source *> sources_;
+   // Removed during the current round: skipped for the rest of it.
+   std::vector<Source *> removed_;
 };
 
 namespace NboAttrLog {
@@ -71,9 +83,26 @@ enum MsgType : uint8_t {
    msgCollAll = 6,
    msgSyncDone = 7,
    msgForget = 8,
-   msgRoot = 9,  // names the served entity; creating it creates its subtree
+   msgRoot = 9,   // names the served entity
+   msgClose = 10, // the writer's reason for closing the connection
 };
 constexpr uint32_t maxFrame = 64u << 20;
+
+// What one connection may cost and carry. A peer past a limit loses its
+// connection, with the limit named in the reason.
+struct ConnectionLimits {
+   // Writer: bytes waiting to be sent; past it, changes wait as dirty state
+   // (latest value only), so a stalled reader costs about this much.
+   size_t bufferBytes = 1u << 20;
+   // The largest message accepted.
+   size_t frameBytes = 4u << 20;
+   // A peer's name (the writer's, in its greeting).
+   size_t nameBytes = 1024;
+   // A mount path.
+   size_t pathBytes = 4096;
+   // Entities one writer may create in a reader.
+   size_t entities = 4u << 20;
+};
 
 class Writer;
 
@@ -89,6 +118,7 @@ class EntityAdapter : public Entity::NotifieeConst {
    // is full; true when nothing is left dirty.
    bool flowOutSome();
    bool dirty() const;
+   // Everything to be sent: a fresh entity's whole state.
    void markAllDirty();
    // KelDirtyBitSet<set>, byte by byte (bit 1 of byte 0 is the first
    // replicated attribute of that type level).
@@ -104,28 +134,48 @@ class EntityAdapter : public Entity::NotifieeConst {
    uint32_t id_;
    std::vector<std::vector<uint8_t>> bits_;
    // Encoded keys changed since last written, per collection.
-   std::unordered_map<AttributeId, std::vector<std::string>> dirtyKeys_;
+   std::unordered_map<AttributeId, std::set<std::string>> dirtyKeys_;
+   // Collections being sent whole, member by member (a set dirty bit of a
+   // collection starts one).
+   std::unordered_map<AttributeId, std::unique_ptr<CollCursor>> cursors_;
 };
 
 class Writer : public ActivityLoop::Source, private RefCodec {
  public:
    // Serves `root` (and its subtree) to the peer at `fd`, once the peer has
-   // asked for a path below it. `name` is how the peer will name us.
+   // asked for a path below it. `name` is how the peer will name us. The
+   // descriptor stays the caller's: the writer shuts it down when the
+   // connection closes, the caller closes it.
    Writer(int fd, Ptr<Entity> root, String8 name, size_t bufferBytes = 1 << 20);
+   Writer(int fd, Ptr<Entity> root, String8 name, ConnectionLimits const & limits);
    ~Writer() override;
    Writer(Writer const &) = delete;
    Writer & operator=(Writer const &) = delete;
 
    int fd() const override { return fd_; }
-   bool wantWrite() const override { return pending() > 0; }
+   bool wantWrite() const override { return !closed_ && pending() > 0; }
    void onReadable() override;
    void onWritable() override { pump(); }
    void onRoundEnd() override { pump(); }
+   bool finished() const override { return closed_; }
+   void onDropped() override;
 
    // Sends what can be sent now, then writes dirty state if there is room.
    void pump();
    bool serving() const { return served_ != nullptr; }
+   // True once the whole initial state has been handed to the socket's
+   // buffer (the reader is told with the sync message).
+   bool synced() const { return served_ && !syncPending_; }
    bool closed() const { return closed_; }
+   String8 const & closeReason() const { return reason_; }
+   // Called (by the activity loop, after it dropped the writer) with the
+   // reason the connection closed; it may delete the writer.
+   void closeHandlerIs(std::function<void(String8 const &)> h) { closeHandler_ = std::move(h); }
+   // Closes the connection: the reader is told why, the descriptor is shut
+   // down, and what the connection held is freed once no call is using it.
+   void close(String8 const & why);
+   ConnectionLimits const & limits() const { return limits_; }
+   size_t adapters() const { return adapters_.size(); }
    bool flowOut() const { return flowOut_; }
    size_t pending() const { return out_.size() - sent_; }
    size_t bufferBytes() const { return cap_; }
@@ -143,20 +193,37 @@ class Writer : public ActivityLoop::Source, private RefCodec {
    template <class F>
    void compose(uint8_t type, F body);
    void createAll(std::vector<Entity *> const & fresh);
-   void emitCreate(Entity * e);
-   void emitState(EntityAdapter * a);
    void writeAttr(EntityAdapter * a, AttrDesc const & d);
    void writeMember(EntityAdapter * a, AttrDesc const & d, std::string const & key);
    void writeRef(Out & out, Entity const * e) override;
    Ptr<Entity> readRef(In &) override { return nullptr; }
-   void close(String8 const & why);
    bool inSubtree(Entity const * e) const;
+   void sendNow();
+   void teardown();
+   Ptr<Entity> resolveMount(std::string_view path, String8 * why) const;
+   // Entry points count themselves busy; the last one out of a closed
+   // writer frees what the connection held.
+   struct Busy {
+      explicit Busy(Writer * w) : w(w) { ++w->busy_; }
+      ~Busy() {
+         if (--w->busy_ == 0 && w->closed_) w->teardown();
+      }
+      Writer * w;
+   };
 
    int fd_;
    Ptr<Entity> root_;
    Ptr<Entity> served_;
    String8 name_;
+   ConnectionLimits limits_;
    size_t cap_;
+   int busy_ = 0;
+   int createDepth_ = 0;
+   bool syncPending_ = false;
+   bool immediate_ = false;
+   bool tornDown_ = false;
+   String8 reason_;
+   std::function<void(String8 const &)> closeHandler_;
    std::string out_;
    size_t sent_ = 0;
    std::string in_;
@@ -171,16 +238,24 @@ class Writer : public ActivityLoop::Source, private RefCodec {
 
 class Reader : public ActivityLoop::Source, private RefCodec {
  public:
-   // Mounts the subtree at `path` below the writer's served root.
+   // Mounts the subtree at `path` below the writer's served root: names
+   // separated by "/", "" for the served root itself. The descriptor stays
+   // the caller's: the reader shuts it down when the connection closes.
    Reader(int fd, String8 path);
+   Reader(int fd, String8 path, ConnectionLimits const & limits);
    ~Reader() override;
    Reader(Reader const &) = delete;
    Reader & operator=(Reader const &) = delete;
 
    int fd() const override { return fd_; }
-   bool wantWrite() const override { return sent_ < out_.size(); }
+   bool wantWrite() const override { return !closed_ && sent_ < out_.size(); }
    void onReadable() override;
    void onWritable() override;
+   bool finished() const override { return closed_; }
+   void onDropped() override;
+   // Called (by the activity loop, after it dropped the reader) with the
+   // reason the connection closed; it may delete the reader.
+   void closeHandlerIs(std::function<void(String8 const &)> h) { closeHandler_ = std::move(h); }
 
    // Applies received bytes (what onReadable does with what it reads).
    void receive(char const * p, size_t n);
@@ -202,6 +277,12 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    Entity * entityById(uint32_t id) const;
 
    int fd_;
+   ConnectionLimits limits_;
+   std::shared_ptr<String8 const> peerShared_;
+   // Set while applying to an owning collection: a reference by name
+   // (to an entity of this process) may not be placed there.
+   bool owningTarget_ = false;
+   std::function<void(String8 const &)> closeHandler_;
    std::string out_;
    size_t sent_ = 0;
    std::string in_;

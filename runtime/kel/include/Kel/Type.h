@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
@@ -44,6 +45,13 @@ enum AttrFlags : uint32_t {
    attrCtorParam = 1 << 6,
    attrLocal = 1 << 7,          // process-local: never replicated, never notified
    attrOperation = 1 << 8,      // a callable operation, not a value
+};
+
+// A place in a collection for a stream that sends it member by member.
+struct CollCursor {
+   virtual ~CollCursor() = default;
+   // Encodes the next member's key; false past the last member.
+   virtual bool next(NboAttrLog::Out & key) = 0;
 };
 
 // The type-erased operations of one attribute. An operation the attribute
@@ -80,6 +88,7 @@ struct AttrDesc {
    void (*logReadMember)(void * obj, NboAttrLog::In &, NboAttrLog::RefCodec *) = nullptr;
    void (*logWriteAll)(void const * obj, NboAttrLog::Out &, NboAttrLog::RefCodec *) = nullptr;
    void (*logReadAll)(void * obj, NboAttrLog::In &, NboAttrLog::RefCodec *) = nullptr;
+   std::unique_ptr<CollCursor> (*logCursor)(void const * obj) = nullptr;
    bool replicated() const { return logWrite || logWriteAll; }
 };
 
