@@ -167,6 +167,36 @@ double initialSync() {
    return n / secs;
 }
 
+// Heap bytes the writer holds, beyond its configured buffer, for a reader
+// that mounts the whole 100,000-interface tree and never reads.
+double stalledReaderBytes() {
+   Tree tree;
+   tree.build();
+   int sv[2];
+   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return 0;
+   malloc_trim(0);
+   size_t before = mallinfo2().uordblks;
+   size_t buffer = 1u << 20;
+   auto writer = std::make_unique<Kel::NboAttrLog::Writer>(sv[0], tree.root, "agent", buffer);
+   {
+      Kel::NboAttrLog::Reader mountOnly(sv[1], "");  // asks, then never reads
+      Kel::ActivityLoop loop;
+      loop.add(writer.get());
+      for (int i = 0; i < 200; ++i) loop.runOnce(1);
+      loop.remove(writer.get());
+   }
+   size_t after = mallinfo2().uordblks;
+   double held = double(after > before ? after - before : 0);
+   double beyond = held > double(buffer) ? held - double(buffer) : 0;
+   std::printf("scale: a stalled reader of 100,000 interfaces: writer holds %.0f bytes (%zu "
+               "waiting, %zu entities known), %.0f beyond its %zu-byte buffer\n",
+               held, writer->pending(), writer->adapters(), beyond, buffer);
+   writer.reset();
+   ::close(sv[0]);
+   ::close(sv[1]);
+   return beyond;
+}
+
 // Oper-status changes over 100,000 statuses, each with one reactor.
 double operChanges() {
    Tree tree;
@@ -221,6 +251,7 @@ void registerScaleBenches() {
    addFigure("scale.bytes_per_intf", "1024", &bytesPerInterface);
    addFigure("scale.initial_sync_per_s", "200000", &initialSync, Sense::AtLeast);
    addFigure("scale.oper_changes_per_s", "10000000", &operChanges, Sense::AtLeast);
+   addFigure("scale.stalled_reader_bytes", "2097152", &stalledReaderBytes);
 }
 
 } // namespace IntfBench

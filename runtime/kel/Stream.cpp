@@ -349,10 +349,16 @@ void Writer::writeRef(Out & out, Entity const * e) {
       out.putU32(it->second->id());
       return;
    }
-   if (inSubtree(e) || (newlyReferenced_ && !e->parentRaw())) {
+   // Below the served entity: its parent is known as such, or (rarely) the
+   // walk up finds it.
+   auto parent = adapters_.find(e->parentRaw());
+   bool inside = e == served_.ptr() ||
+                 (parent != adapters_.end() ? parent->second->inSubtree : inSubtree(e));
+   if (inside || (newlyReferenced_ && !e->parentRaw())) {
       // First reference: the entity is created before this message.
       uint32_t id = nextId_++;
       Ptr<EntityAdapter> a(new EntityAdapter(this, const_cast<Entity *>(e), id));
+      a->inSubtree = inside;
       adapters_.emplace(e, a);
       if (newlyReferenced_) newlyReferenced_->push_back(const_cast<Entity *>(e));
       out.putU8(1);

@@ -110,6 +110,9 @@ bool collSet(MapT & m, K const & k, V const & v, Entity const * owner) {
 // Refuses to make `child` a member of `owner` when `child` is `owner` or
 // one of its ancestors: an entity tree has no cycles.
 inline void checkNoCycle(Entity const * owner, Entity const * child) {
+   if (child == owner) [[unlikely]] throwCycle(owner, child);
+   // Only an entity with children can be an ancestor.
+   if (!child->kelHasChildren()) return;
    for (Entity const * e = owner; e; e = e->parentRaw()) {
       if (e == child) [[unlikely]] throwCycle(owner, child);
    }
@@ -281,6 +284,23 @@ void checkReinstantiate(T const & child, A const &... args) {
 #define KEL_EA_CHILD_Derived(name)
 #define KEL_EA_CHILD_Const(name)
 #define KEL_EA_CHILD_Hook(name)
+// Whether any owning attribute holds a child.
+#define KEL_EA_HAS_(kind, name, ...) KEL_EA_HAS_##kind(name)
+#define KEL_EA_HAS_OWNED_(name) if (name##_.size()) return true;
+#define KEL_EA_HAS_EntColl(name) KEL_EA_HAS_OWNED_(name)
+#define KEL_EA_HAS_InstColl(name) KEL_EA_HAS_OWNED_(name)
+#define KEL_EA_HAS_InstChild(name) if (name##_) return true;
+#define KEL_EA_HAS_Ctor(name)
+#define KEL_EA_HAS_Scalar(name)
+#define KEL_EA_HAS_Ptr(name)
+#define KEL_EA_HAS_WriteOnce(name)
+#define KEL_EA_HAS_Local(name)
+#define KEL_EA_HAS_Cache(name)
+#define KEL_EA_HAS_Coll(name)
+#define KEL_EA_HAS_RefColl(name)
+#define KEL_EA_HAS_Derived(name)
+#define KEL_EA_HAS_Const(name)
+#define KEL_EA_HAS_Hook(name)
 #define KEL_EA_EACH_(kind, name, ...) KEL_EA_EACH_##kind(name)
 #define KEL_EA_EACH_OWNED_(name) \
    for (auto * m = name##_.first(); m; m = name##_.next(m)) fn(ctx, m->value.ptr());
@@ -839,6 +859,10 @@ void checkReinstantiate(T const & child, A const &... args) {
    void kelForEachChild(void (*fn)(void *, ::Kel::Entity *), void * ctx) const override { \
       Base::kelForEachChild(fn, ctx);                                                 \
       ATTRS(KEL_EA_EACH_)                                                             \
+   }                                                                                  \
+   bool kelHasChildren() const override {                                             \
+      ATTRS(KEL_EA_HAS_)                                                              \
+      return Base::kelHasChildren();                                                  \
    }                                                                                  \
    class NotifieeConst : public Base::NotifieeConst {                                 \
     public:                                                                           \

@@ -138,6 +138,8 @@ class Entity : public PtrInterface {
       (void)fn;
       (void)ctx;
    }
+   // Whether any owning collection holds a child.
+   virtual bool kelHasChildren() const { return false; }
    // Looks up a "/"-separated path of child names below this entity ("" is
    // this entity, ".." its parent); a path starting with "/" starts at the
    // process's root directory. Null when a name is missing.

@@ -124,6 +124,7 @@ class EntityAdapter : public Entity::NotifieeConst {
    // replicated attribute of that type level).
    std::vector<uint8_t> const & dirtyBitSet(uint8_t set) const { return bits_[set]; }
    bool inDirtyList = false;
+   bool inSubtree = false;  // below the served entity (not only referenced)
 
  private:
    friend class Writer;

@@ -1,0 +1,459 @@
+// Replication against peers that misbehave: readers that leave early, ask
+// for paths outside what is served or never read; writers that send too
+// much, cycles, references to the reader's own entities or half-valid
+// messages; peers that die; trees deeper than any stack. Each costs the
+// misbehaving connection and nothing else.
+#include <Kel/Dir.h>
+#include <Kel/Stream.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+using Kel::ActivityLoop;
+using Kel::Dir;
+using Kel::Name;
+using Kel::String8;
+using Kel::NboAttrLog::ConnectionLimits;
+using Kel::NboAttrLog::Out;
+using Kel::NboAttrLog::Reader;
+using Kel::NboAttrLog::Writer;
+namespace Log = Kel::NboAttrLog;
+
+namespace {
+
+struct SocketPair {
+   SocketPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0); }
+   ~SocketPair() {
+      for (int f : fd) {
+         if (f >= 0) ::close(f);
+      }
+   }
+   void closeEnd(int i) {
+      ::close(fd[i]);
+      fd[i] = -1;
+   }
+   int fd[2];
+};
+
+// A tree of plain directories: root/<sub>/leaf0 ... leafN.
+Dir::Ptr makeTree(int leaves, std::string const & sub = "served") {
+   Kel::registerTypes<Dir>();
+   auto root = Kel::makePtr<Dir>(Name("top"));
+   auto served = root->mkdir(sub);
+   for (int i = 0; i < leaves; ++i) served->mkdir("leaf" + std::to_string(i));
+   root->mkdir("secret")->mkdir("inside");
+   return root;
+}
+
+// Runs a writer against a reader over a socket pair in this process until
+// the reader is synced or either side closed.
+struct Link {
+   Link(Kel::Ptr<Kel::Entity> served, std::string const & path, ConnectionLimits limits = {})
+         : writer(p.fd[0], served, "w", limits), reader(p.fd[1], String8(path)) {
+      loop.add(&writer);
+      loop.add(&reader);
+   }
+   void run(int ms = 5000) {
+      loop.runUntil([&] { return reader.synced() || reader.closed(); }, ms);
+   }
+   SocketPair p;
+   Writer writer;
+   Reader reader;
+   ActivityLoop loop;
+};
+
+// Hand-made writer streams.
+struct Stream {
+   Out o;
+   void frame(uint8_t type, std::function<void(Out &)> body) {
+      size_t f = Log::beginFrame(o, type);
+      body(o);
+      Log::endFrame(o, f);
+   }
+   void hello(std::string const & name) {
+      frame(Log::msgHello, [&](Out & m) { m.putString(name); });
+   }
+   void dir(uint32_t id, std::string const & name) {
+      frame(Log::msgCreate, [&](Out & m) {
+         m.putU32(id);
+         m.putString("Kel::Dir");
+         m.putString(name);
+      });
+   }
+   void root(uint32_t id) {
+      frame(Log::msgRoot, [&](Out & m) {
+         m.putU8(1);
+         m.putU32(id);
+      });
+   }
+   // Member `key` of dir `id`'s entries: by id (kind 1) or by name (kind 2).
+   void entry(uint32_t id, std::string const & key, uint32_t child, std::string const & byName = {}) {
+      frame(Log::msgMember, [&](Out & m) {
+         Log::putAttrHead(m, id, Dir::kelId_entry);
+         Log::Nbo<Name>::write(m, Name(key), nullptr);
+         m.put(true);
+         if (byName.empty()) {
+            m.putU8(1);
+            m.putU32(child);
+         } else {
+            m.putU8(2);
+            m.putString(byName);
+         }
+         m.putU8(Log::tokenEnd);
+      });
+   }
+   void sync() {
+      frame(Log::msgSyncDone, [](Out &) {});
+   }
+   std::string bytes() const { return std::string(o.data(), o.size()); }
+};
+
+struct DevNull {
+   DevNull() : fd(::open("/dev/null", O_RDWR)) {}
+   ~DevNull() { ::close(fd); }
+   int fd;
+};
+
+} // namespace
+
+// ---- hostile readers ---------------------------------------------------------------------------
+
+TEST(ReplicationPeers, AReaderLeavingDuringTheInitialStateCostsOnlyItsConnection) {
+   auto tree = makeTree(3000);
+   tree->mkdir("served/" + std::string(60000, 'n'));  // a long name: a large first burst
+   // The hostile reader: a mount request, then gone.
+   SocketPair bad;
+   Out mount;
+   mount.putU32(0);
+   mount.putU8(Log::msgMount);
+   mount.putString("served");
+   mount.patchU32(0, uint32_t(mount.size() - 4));
+   ASSERT_EQ(::write(bad.fd[1], mount.data(), mount.size()), ssize_t(mount.size()));
+   bad.closeEnd(1);
+   String8 heard;
+   Writer leaving(bad.fd[0], tree, "w", 4096);
+   leaving.closeHandlerIs([&](String8 const & why) { heard = why; });
+   Link good(tree, "served");
+   good.loop.add(&leaving);
+   good.run();
+   good.loop.runUntil([&] { return leaving.closed() && good.loop.sources() == 2; }, 5000);
+   EXPECT_TRUE(good.reader.synced()) << good.reader.closeReason();
+   EXPECT_EQ(Kel::dynamicCast<Dir>(good.reader.root())->entrySize(), 3001u);
+   EXPECT_TRUE(leaving.closed());
+   EXPECT_EQ(heard, "peer went away");
+   EXPECT_EQ(leaving.adapters(), 0u);  // freed once nothing was using them
+}
+
+TEST(ReplicationPeers, MountPathsOutsideTheServedTreeAreRefusedWithTheReason) {
+   struct Case {
+      std::string path, reason;
+   } const cases[] = {
+      {"/secret", "mount path must name entities below the served root: /secret"},
+      {"..", "mount path must name entities below the served root: .."},
+      {"../secret", "mount path must name entities below the served root: ../secret"},
+      {"leaf1/../../secret",
+       "mount path must name entities below the served root: leaf1/../../secret"},
+      {"leaf1//x", "mount path must name entities below the served root: leaf1//x"},
+      {"leaf1/", "mount path must name entities below the served root: leaf1/"},
+      {"./leaf1", "mount path must name entities below the served root: ./leaf1"},
+      {"nosuch", "no entity at nosuch"},
+   };
+   auto tree = makeTree(3);
+   auto served = tree->entity("served");
+   for (auto const & c : cases) {
+      Link l(served, c.path);
+      l.run();
+      EXPECT_FALSE(l.reader.synced()) << c.path;
+      EXPECT_EQ(l.reader.closeReason(), "writer closed the connection: " + c.reason) << c.path;
+      EXPECT_EQ(l.writer.closeReason(), String8(c.reason));
+   }
+   Link fine(served, "leaf2");
+   fine.run();
+   EXPECT_TRUE(fine.reader.synced()) << fine.reader.closeReason();
+   EXPECT_EQ(fine.reader.root()->name(), "leaf2");
+}
+
+TEST(ReplicationPeers, AnOversizedMountRequestIsRefusedAtItsHeaderWithAShortReason) {
+   auto tree = makeTree(1);
+   std::string huge;
+   for (int i = 0; i < 100000; ++i) huge += "leaf0/../";
+   Link big(tree->entity("served"), huge);
+   big.run();
+   EXPECT_EQ(big.writer.closeReason(), "mount request of 900005 bytes exceeds the limit of 4112");
+   // Within the limit, a missing path is named, cut short.
+   std::string deep;
+   for (int i = 0; i < 400; ++i) deep += "missing/";
+   deep += "x";
+   Link miss(tree->entity("served"), deep);
+   miss.run();
+   EXPECT_LT(miss.writer.closeReason().size(), 200u);
+   EXPECT_EQ(miss.writer.closeReason().view().substr(0, 20), "no entity at missing");
+}
+
+TEST(ReplicationPeers, AReaderThatNeverReadsCostsTheWriterOnlyItsBuffer) {
+   auto tree = makeTree(20000);
+   SocketPair p;
+   Writer writer(p.fd[0], tree->entity("served"), "w", 64 * 1024);
+   Reader mountOnly(p.fd[1], "");  // sends the mount request, then never reads
+   ActivityLoop loop;
+   loop.add(&writer);
+   for (int i = 0; i < 200; ++i) loop.runOnce(1);
+   EXPECT_TRUE(writer.serving());
+   EXPECT_FALSE(writer.synced());
+   EXPECT_LE(writer.pending(), 64u * 1024 + 256);
+   // Only what was sent or is waiting is known to the writer, not the tree.
+   EXPECT_LT(writer.adapters(), 10000u);
+}
+
+// ---- hostile writers ---------------------------------------------------------------------------
+
+TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
+   Kel::registerTypes<Dir>();
+   DevNull n;
+   ConnectionLimits small;
+   small.entities = 3;
+   struct Case {
+      char const * what;
+      std::function<void(Stream &)> build;
+      std::string reason;
+   } const cases[] = {
+      {"long writer name", [](Stream & s) { s.hello(std::string(5000, 'w')); },
+       "writer name of 5000 bytes exceeds the limit of 1024"},
+      {"frame header over the limit, body never sent",
+       [](Stream & s) {
+          s.o.putU32(64u << 20);
+          s.o.putU8(Log::msgHello);
+       },
+       "message of 67108864 bytes exceeds the limit of 4194304"},
+      {"too many entities",
+       [](Stream & s) {
+          s.hello("w");
+          for (uint32_t i = 1; i <= 4; ++i) s.dir(i, "d" + std::to_string(i));
+       },
+       "more than 3 entities from one writer"},
+   };
+   for (auto const & c : cases) {
+      Stream s;
+      c.build(s);
+      Reader r(n.fd, "", small);
+      r.receive(s.o.data(), s.o.size());
+      EXPECT_TRUE(r.closed()) << c.what;
+      EXPECT_EQ(r.closeReason(), String8(c.reason)) << c.what;
+      EXPECT_EQ(r.entities(), 0u) << c.what;
+   }
+}
+
+TEST(ReplicationPeers, ADirectoryCannotContainItselfOrAnAncestor) {
+   Kel::registerTypes<Dir>();
+   auto a = Kel::makePtr<Dir>(Name("a"));
+   auto b = a->mkdir("b");
+   EXPECT_THROW(a->entryIs(a), Kel::RangeException);
+   EXPECT_THROW(b->entryIs(a), Kel::RangeException);
+   EXPECT_EQ(a->parentRaw(), nullptr);
+   EXPECT_EQ(b->entrySize(), 0u);
+   EXPECT_EQ(a->fullName(), "a");
+
+   // The same from a writer: the reader refuses and closes, and survives.
+   DevNull n;
+   Stream s;
+   s.hello("w");
+   s.dir(1, "top");
+   s.dir(2, "sub");
+   s.root(1);
+   s.entry(1, "sub", 2);
+   s.entry(2, "top", 1);  // top inside its own child
+   Reader r(n.fd, "");
+   r.receive(s.o.data(), s.o.size());
+   EXPECT_TRUE(r.closed());
+   EXPECT_EQ(r.closeReason(), "Entity top cannot be placed in sub: it is that entity or one of its ancestors");
+}
+
+TEST(ReplicationPeers, AReferenceByNameNeverMovesAnEntityOfTheReader) {
+   Kel::registerTypes<Dir>();
+   auto mine = Kel::globalDir()->mkdir("replicationPeersTest/mine");
+   DevNull n;
+   Stream s;
+   s.hello("w");
+   s.dir(1, "top");
+   s.root(1);
+   s.entry(1, "mine", 0, "/replicationPeersTest/mine");
+   Reader r(n.fd, "");
+   r.receive(s.o.data(), s.o.size());
+   EXPECT_TRUE(r.closed());
+   EXPECT_EQ(mine->parentRaw(), Kel::globalDir()->entity("replicationPeersTest").ptr());
+   EXPECT_EQ(mine->fullName(), "/replicationPeersTest/mine");
+   Kel::globalDir()->entryDel(Name("replicationPeersTest"));
+}
+
+namespace {
+// Writes to another replica from inside a replica's notification.
+struct CrossWriter : Dir::NotifieeConst {
+   Dir::Ptr other;
+   std::string seen;
+   void onEntry(Name k) override {
+      try {
+         other->entryIs(Kel::makePtr<Dir>(Name("planted")));
+         seen += "accepted " + k.str() + ";";
+      } catch (Kel::Exception const &) {
+         seen += "refused " + k.str() + ";";
+      }
+   }
+};
+} // namespace
+
+TEST(ReplicationPeers, AReactorCannotWriteAReplicaWhileAnUpdateIsApplied) {
+   Kel::registerTypes<Dir>();
+   DevNull n;
+   Stream s;
+   s.hello("w");
+   s.dir(1, "top");
+   s.dir(2, "other");
+   s.root(1);
+   s.entry(1, "other", 2);
+   s.sync();
+   Reader r(n.fd, "");
+   r.receive(s.o.data(), s.o.size());
+   ASSERT_TRUE(r.synced()) << r.closeReason();
+   auto top = Kel::dynamicCast<Dir>(r.root());
+   auto cross = Kel::makePtr<CrossWriter>();
+   cross->other = Kel::dynamicCast<Dir>(top->entry(Name("other")));
+   cross->notifierIs(top);
+   Stream more;
+   more.dir(3, "late");
+   more.entry(1, "late", 3);
+   r.receive(more.o.data(), more.o.size());
+   EXPECT_FALSE(r.closed()) << r.closeReason();
+   EXPECT_EQ(cross->seen, "refused late;");
+   EXPECT_EQ(cross->other->entrySize(), 0u);
+   EXPECT_TRUE(top->entry(Name("late")));  // the update itself was applied
+}
+
+TEST(ReplicationPeers, AWholeCollectionMessageThatFailsPartWayChangesNothing) {
+   Kel::registerTypes<Dir>();
+   DevNull n;
+   Stream s;
+   s.hello("w");
+   s.dir(1, "top");
+   s.dir(2, "a");
+   s.dir(3, "b");
+   s.root(1);
+   s.sync();
+   s.frame(Log::msgCollAll, [](Out & m) {
+      Log::putAttrHead(m, 1, Dir::kelId_entry);
+      m.putU32(3);
+      for (auto [key, id] : {std::pair{"a", 2u}, {"b", 3u}, {"c", 99u}}) {  // 99 was never created
+         Log::Nbo<Name>::write(m, Name(key), nullptr);
+         m.putU8(1);
+         m.putU32(id);
+      }
+      m.putU8(Log::tokenEnd);
+   });
+   Reader r(n.fd, "");
+   Kel::Ptr<Kel::Entity> keep;
+   r.receive(s.o.data(), s.o.size());
+   EXPECT_TRUE(r.closed());
+   EXPECT_EQ(r.closeReason(), "unknown entity 99");
+   auto top = Kel::dynamicCast<Dir>(r.root());
+   ASSERT_TRUE(top);  // synced before: the replica stays as last known
+   EXPECT_EQ(top->entrySize(), 0u);
+}
+
+// ---- peers that die ----------------------------------------------------------------------------
+
+TEST(ReplicationPeers, AWriterDyingMidSyncTellsTheReaderAndLeavesNothingHeld) {
+   Kel::registerTypes<Dir>();
+   SocketPair p;
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      // Half an initial state, then killed.
+      Stream s;
+      s.hello("dying");
+      s.dir(1, "top");
+      s.root(1);
+      for (uint32_t i = 2; i < 500; ++i) {
+         s.dir(i, "d" + std::to_string(i));
+         s.entry(1, "d" + std::to_string(i), i);
+      }
+      (void)!::write(p.fd[1], s.o.data(), s.o.size());
+      ::pause();
+      ::_exit(0);
+   }
+   p.closeEnd(1);
+   Reader reader(p.fd[0], "");
+   String8 heard;
+   bool handled = false;
+   reader.closeHandlerIs([&](String8 const & why) {
+      heard = why;
+      handled = true;
+   });
+   ActivityLoop loop;
+   loop.add(&reader);
+   loop.runUntil([&] { return reader.entities() >= 499; }, 5000);
+   EXPECT_EQ(reader.entities(), 499u);
+   ::kill(pid, SIGKILL);
+   ::waitpid(pid, nullptr, 0);
+   loop.runUntil([&] { return handled; }, 5000);
+   EXPECT_EQ(heard, "writer went away");
+   EXPECT_FALSE(reader.synced());
+   EXPECT_EQ(reader.root(), nullptr);
+   EXPECT_EQ(reader.entities(), 0u);
+   EXPECT_EQ(loop.sources(), 0u);
+   EXPECT_EQ(loop.runOnce(0), 0);  // nothing left to spin on
+}
+
+TEST(ReplicationPeers, AClosedWriterShutsItsDescriptorSoThePeerSeesTheEnd) {
+   auto tree = makeTree(1);
+   SocketPair p;
+   Writer writer(p.fd[0], tree, "w");
+   ActivityLoop loop;
+   loop.add(&writer);
+   char junk[] = "\x00\x00\x00\x03\x63zz";  // a frame of an unknown kind
+   ASSERT_EQ(::write(p.fd[1], junk, 7), 7);
+   loop.runUntil([&] { return loop.sources() == 0; }, 5000);
+   EXPECT_EQ(writer.closeReason(), "unexpected message from reader");
+   // What the writer sent last is its reason, then the end of the stream.
+   std::string got;
+   char buf[256];
+   ssize_t n;
+   while ((n = ::read(p.fd[1], buf, sizeof buf)) > 0) got.append(buf, size_t(n));
+   EXPECT_EQ(n, 0);
+   EXPECT_NE(got.find("unexpected message from reader"), std::string::npos);
+}
+
+// ---- depth -------------------------------------------------------------------------------------
+
+TEST(ReplicationPeers, TreesDeeperThanAnyStackAreBuiltNamedServedAndDropped) {
+   Kel::registerTypes<Dir>();
+   constexpr int depth = 100000;
+   auto top = Kel::makePtr<Dir>(Name("top"));
+   Dir::Ptr cur = top;
+   for (int i = 0; i < depth; ++i) {
+      auto next = Kel::makePtr<Dir>(Name("d"));
+      cur->entryIs(next);
+      cur = next;
+   }
+   EXPECT_EQ(cur->fullName().size(), 3 + 2 * size_t(depth));
+   // Served to a reader: every level arrives.
+   {
+      Link l(top, "");
+      l.run(30000);
+      ASSERT_TRUE(l.reader.synced()) << l.reader.closeReason() << l.writer.closeReason();
+      Kel::Ptr<Kel::Entity> r = l.reader.root();
+      int levels = 0;
+      while (auto d = Kel::dynamicCast<Dir>(r)) {
+         r = d->entry(Name("d"));
+         if (!r) break;
+         ++levels;
+      }
+      EXPECT_EQ(levels, depth);
+   }
+   cur = nullptr;
+   top = nullptr;  // dropping the chain takes no stack per level
+}
