@@ -18,7 +18,11 @@ struct Startup {
       kelModuleIntfStatusDir();
       kelModuleIntf();
       kelModuleIntfIntfId();
+      kelModuleIntfDetailsProvider();
       kelModuleMovingAverage();
+      kelModuleSyncMtu();
+      kelModuleCliSaveIntfConfigWalk();
+      kelModuleIntfGroup();
    }
 };
 

@@ -25,8 +25,9 @@ std::vector<std::string> lines(std::string const & text, std::string const & pre
    return out;
 }
 
-const std::vector<std::string> moduleOrder = {"IntfStatusDir", "Intf", "IntfIntfId",
-                                              "MovingAverage"};
+const std::vector<std::string> moduleOrder = {
+    "IntfStatusDir", "Intf",           "IntfIntfId",           "IntfDetailsProvider",
+    "MovingAverage", "SyncMtu",        "CliSaveIntfConfigWalk", "IntfGroup"};
 
 } // namespace
 

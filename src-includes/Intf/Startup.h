@@ -7,7 +7,11 @@
 void kelModuleIntfStatusDir();  // configuration and status directories
 void kelModuleIntf();           // records, configuration, status and counter entities
 void kelModuleIntfIntfId();     // typed identifier views
+void kelModuleIntfDetailsProvider();  // per-kind interface details registry (no types)
 void kelModuleMovingAverage();  // rates (no types)
+void kelModuleSyncMtu();        // MTUs into the kernel; its log message
+void kelModuleCliSaveIntfConfigWalk();  // the configuration save filter
+void kelModuleIntfGroup();      // interface groups
 
 // What start-up did, one line per module then per registered type
 // ("module Intf", "type Interface::IntfOperStatus", ...). A C symbol so that

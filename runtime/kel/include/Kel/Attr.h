@@ -732,7 +732,9 @@ void checkReinstantiate(T const & child, A const &... args) {
       if (!::Kel::collSet(name##_, k, v, this)) return;                               \
       kelModified();                                                                  \
       name##Notify(k);                                                                \
-   }
+   }                                                                                  \
+   /* Inserts (or changes) a member: the same as name##Is. */                         \
+   void new##Name(Key const & k, Value const & v) { name##Is(k, v); }
 
 #define KEL_EA_ENTITY_LOOKUP_(name, Key, T)                                           \
    ::Kel::Ptr<T> name(Key const & k) const {                                          \
