@@ -34,6 +34,9 @@ class IntfConfig : public Kel::Entity {
  public:
    // Named by the identifier's text.
    explicit IntfConfig(Zenet::IntfId intfId) : Kel::Entity(intfId.stringValue()), intfId_(intfId) {}
+   // Named otherwise: the configuration template "defaultIntfConfig" that
+   // other configurations fall back to.
+   IntfConfig(Kel::Name name, Zenet::IntfId intfId) : Kel::Entity(std::move(name)), intfId_(intfId) {}
 
    // The identifier's text, then " (description)" when there is one.
    Kel::String8 prettyName() const;
