@@ -1,0 +1,88 @@
+// Counters kept in shared-memory cells that one writer updates in place
+// and any number of readers in other processes read without locks.
+//
+// A cell is 208 bytes: the generation id of the cell, a sequence word whose
+// lowest bit names the copy readers use, and two 100-byte copies of the
+// counters. A counter at slot s of copy k lies at 8 + s + 100 k. A reader
+// reads the word, the value from the named copy, and the word again, and
+// retries when it changed; a writer writes the copy readers are not using,
+// flips the word, then writes the other copy, so both agree before the next
+// write. The words are accessed with acquire/release ordering (and fences
+// around the value copies), so this holds on weakly ordered processors too.
+#pragma once
+
+#include <Kel/Trace.h>
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace Brik {
+
+struct ShmemCell {
+   static constexpr uint32_t bytes = 208;
+   static constexpr uint32_t genIdOffset = 0;
+   static constexpr uint32_t seqOffset = 4;
+   static constexpr uint32_t copyOffset[2] = {8, 108};
+   static constexpr uint32_t copyBytes = 100;
+};
+static_assert(ShmemCell::bytes == 208 && ShmemCell::genIdOffset == 0 && ShmemCell::seqOffset == 4);
+static_assert(ShmemCell::copyOffset[0] == 8 && ShmemCell::copyOffset[1] == 108);
+static_assert(ShmemCell::copyOffset[1] + ShmemCell::copyBytes == ShmemCell::bytes);
+
+// Slot offsets of the model's cell-backed counters.
+namespace Slot {
+inline constexpr uint32_t inDroppedPkts = 44, inDroppedBytes = 52;
+inline constexpr uint32_t bytes = 52, pkts = 60, bytesDropped = 68, pktsDropped = 76;
+} // namespace Slot
+static_assert(Slot::pktsDropped + 8 <= ShmemCell::copyBytes, "every slot fits in a copy");
+
+// Level 9 traces of the cell code; messages begin "pid:<pid> ".
+Kel::TraceFacility & shmemTrace();
+
+inline std::atomic<uint32_t> * cellWord(uint8_t * cell, uint32_t offset) {
+   return reinterpret_cast<std::atomic<uint32_t> *>(cell + offset);
+}
+static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
+
+// The counter at slot `s` of the cell `counter` locates, or 0 without one.
+template <class T, class V = unsigned long long>
+V shmemCounterVal(T const * counter, uint32_t s) {
+   uint64_t addr = counter->counterAddr(true);
+   if (!addr) return 0;
+   auto * cell = reinterpret_cast<uint8_t *>(uintptr_t(addr));
+   auto * seq = cellWord(cell, ShmemCell::seqOffset);
+   for (;;) {
+      uint32_t w = seq->load(std::memory_order_acquire);
+      V v;
+      std::memcpy(&v, cell + ShmemCell::copyOffset[w & 1] + s, sizeof v);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (seq->load(std::memory_order_relaxed) == w) return v;
+   }
+}
+
+// Stores the counter at slot `s`; without a cell the value is dropped.
+template <class T, class V = unsigned long long>
+void shmemCounterValIs(T * counter, V const & value, uint32_t s) {
+   uint64_t addr = counter->counterAddr(false);
+   if (!addr) {
+      KEL_TRACE(shmemTrace(), 9, "pid:" + Kel::String8(std::to_string(::getpid())) + " " +
+                                    __PRETTY_FUNCTION__ + " null shmemPtr.");
+      return;
+   }
+   auto * cell = reinterpret_cast<uint8_t *>(uintptr_t(addr));
+   auto * seq = cellWord(cell, ShmemCell::seqOffset);
+   uint32_t w = seq->load(std::memory_order_relaxed);
+   KEL_TRACE(shmemTrace(), 9, "pid:" + Kel::String8(std::to_string(::getpid())) +
+                                 " shmemCounterValIs - which=" + Kel::String8(std::to_string(w)));
+   uint32_t k = w & 1;
+   std::memcpy(cell + ShmemCell::copyOffset[1 - k] + s, &value, sizeof value);
+   seq->store(w + 1, std::memory_order_release);
+   std::atomic_thread_fence(std::memory_order_release);
+   std::memcpy(cell + ShmemCell::copyOffset[k] + s, &value, sizeof value);
+}
+
+} // namespace Brik

@@ -1,0 +1,111 @@
+// Shared-memory counter cells; see Mavo/ShmemMan.h.
+#include <Mavo/ShmemMan.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Mavo {
+
+namespace {
+
+struct IndexRow {
+   uint32_t cell;
+   uint32_t cellBytes;
+};
+
+Smash::TableShape indexShape() {
+   return Smash::TableShape{"Mavo::ShmemMan::Index", ShmemMan::maxKeyBytes, sizeof(IndexRow)};
+}
+
+} // namespace
+
+struct ShmemMan::Segment {
+   ~Segment() {
+      if (base) ::munmap(base, bytes);
+   }
+   uint8_t * base = nullptr;
+   size_t bytes = 0;
+};
+
+ShmemMan::ShmemMan(std::string path, bool writer, uint32_t cellBytes)
+      : path_(std::move(path)), cellBytes_((cellBytes + 7) / 8 * 8) {
+   if (writer) {
+      writer_ = std::make_unique<Smash::TableWriter>(path_ + "/index", indexShape(), 1024, 1024);
+      next_ = writer_->size();
+   } else {
+      reader_ = std::make_unique<Smash::TableReader>(path_ + "/index", indexShape());
+   }
+}
+
+ShmemMan::~ShmemMan() = default;
+
+void ShmemMan::remove(std::string const & path) {
+   Smash::removeTable(path + "/index");
+   for (uint32_t n = 0; n < 64; ++n) ::shm_unlink(Smash::objectName(path, "seg" + std::to_string(n)).c_str());
+}
+
+uint32_t ShmemMan::cells() const { return writer_ ? writer_->size() : 0; }
+
+uint8_t * ShmemMan::segment(uint32_t n, bool create) {
+   if (n < segments_.size() && segments_[n]) return segments_[n]->base;
+   std::string name = Smash::objectName(path_, "seg" + std::to_string(n));
+   size_t bytes = size_t(cellsPerSegment) * cellBytes_;
+   int fd = create ? ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)
+                   : ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
+   if (fd < 0) return nullptr;
+   struct stat st;
+   if (::fstat(fd, &st) != 0) {
+      ::close(fd);
+      return nullptr;
+   }
+   if (size_t(st.st_size) < bytes) {
+      if (!create || ::ftruncate(fd, off_t(bytes)) != 0) {
+         ::close(fd);
+         return nullptr;  // a reader never trusts a segment smaller than its cells
+      }
+   }
+   void * p = ::mmap(nullptr, bytes, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+   ::close(fd);
+   if (p == MAP_FAILED) return nullptr;
+   if (segments_.size() <= n) segments_.resize(n + 1);
+   segments_[n] = std::make_unique<Segment>();
+   segments_[n]->base = static_cast<uint8_t *>(p);
+   segments_[n]->bytes = bytes;
+   return segments_[n]->base;
+}
+
+uint64_t ShmemMan::counterAddr(Kel::String8 const & key, uint32_t size, bool forRead) {
+   if ((size + 7) / 8 * 8 != cellBytes_ || key.size() > maxKeyBytes || key.empty()) return 0;
+   auto hit = cache_.find(key.str());
+   if (hit != cache_.end()) return hit->second;
+   Smash::FixedKey<maxKeyBytes> k(key.view());
+   IndexRow row{};
+   Smash::Found f = writer_ ? writer_->find(&k, &row) : reader_->find(&k, &row);
+   if (f != Smash::Found::row) {
+      if (!writer_ || forRead) return 0;
+      if (next_ >= 64u * cellsPerSegment) return 0;
+      row = IndexRow{next_, cellBytes_};
+      if (!segment(next_ / cellsPerSegment, true)) return 0;
+      writer_->put(&k, &row);
+      ++next_;
+   }
+   if (row.cellBytes != cellBytes_ || row.cell >= 64u * cellsPerSegment) return 0;
+   uint8_t * base = segment(row.cell / cellsPerSegment, writer_ != nullptr);
+   if (!base) return 0;
+   uint64_t addr = uint64_t(reinterpret_cast<uintptr_t>(base + size_t(row.cell % cellsPerSegment) * cellBytes_));
+   cache_.emplace(key.str(), addr);
+   return addr;
+}
+
+void ShmemMan::shmemGenIdIs(Kel::String8 const & key, uint32_t size, uint32_t genId) {
+   uint64_t addr = counterAddr(key, size, false);
+   if (!addr) return;
+   __atomic_store_n(reinterpret_cast<uint32_t *>(uintptr_t(addr)), genId, __ATOMIC_RELEASE);
+}
+
+} // namespace Mavo

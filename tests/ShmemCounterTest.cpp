@@ -1,0 +1,133 @@
+// Counter cells in shared memory: found by key through the cell manager,
+// read lock-free by other processes while a writer changes them.
+#include "ShmTestPrefix.h"
+
+#include <Brik/ShmemCounter.h>
+#include <Mavo/ShmemMan.h>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
+
+namespace {
+
+// The smallest counter type: its cell comes from a manager by key.
+struct Cell {
+   Mavo::ShmemMan * man;
+   Kel::String8 key;
+   uint64_t counterAddr(bool forRead) const { return man->counterAddr(key, 208, forRead); }
+};
+
+struct Managers : ShmTestPrefix {
+   explicit Managers(std::string p) : path(std::move(p)) { Mavo::ShmemMan::remove(path); }
+   ~Managers() { Mavo::ShmemMan::remove(path); }
+   std::string path;
+};
+
+} // namespace
+
+TEST(ShmemCounter, ReadersInOtherProcessesNeverSeeATornValue) {
+   Managers m("test/cells");
+   Mavo::ShmemMan writerMan(m.path, true);
+   Cell w{&writerMan, "Ethernet1-q0"};
+   Brik::shmemCounterValIs(&w, 0ull, Brik::Slot::pkts);
+   int pipes[2][2];
+   std::vector<pid_t> readers;
+   for (auto & p : pipes) {
+      ASSERT_EQ(::pipe(p), 0);
+      pid_t pid = ::fork();
+      if (pid == 0) {
+         Mavo::ShmemMan man(m.path, false);
+         Cell r{&man, "Ethernet1-q0"};
+         uint64_t reads = 0, torn = 0, last = 0, backwards = 0;
+         while (true) {
+            uint64_t v = Brik::shmemCounterVal(&r, Brik::Slot::pkts);
+            ++reads;
+            if ((v >> 32) != (v & 0xffffffff)) ++torn;
+            if (v < last) ++backwards;
+            last = v;
+            if ((v & 0xffffffff) == 2000000) break;
+         }
+         uint64_t out[3] = {reads, torn, backwards};
+         (void)!::write(p[1], out, sizeof out);
+         ::_exit(0);
+      }
+      readers.push_back(pid);
+   }
+   // Both halves of every value agree: a torn read shows as a mismatch.
+   for (uint64_t i = 1; i <= 2000000; ++i) Brik::shmemCounterValIs(&w, (i << 32) | i, Brik::Slot::pkts);
+   for (size_t i = 0; i < readers.size(); ++i) {
+      uint64_t out[3] = {};
+      ASSERT_EQ(::read(pipes[i][0], out, sizeof out), ssize_t(sizeof out));
+      ::waitpid(readers[i], nullptr, 0);
+      EXPECT_GT(out[0], 1000u);  // it did read while the writer wrote
+      EXPECT_EQ(out[1], 0u) << "torn reads";
+      EXPECT_EQ(out[2], 0u) << "values going backwards";
+      ::close(pipes[i][0]);
+      ::close(pipes[i][1]);
+   }
+   // Neighbouring slots are untouched, in both copies.
+   auto * cell = reinterpret_cast<uint8_t *>(uintptr_t(w.counterAddr(true)));
+   uint64_t copies[2];
+   std::memcpy(&copies[0], cell + 8 + Brik::Slot::pkts, 8);
+   std::memcpy(&copies[1], cell + 108 + Brik::Slot::pkts, 8);
+   EXPECT_EQ(copies[0], copies[1]);
+   EXPECT_EQ(Brik::shmemCounterVal(&w, Brik::Slot::bytes), 0u);
+}
+
+TEST(ShmemCounter, WithoutACellReadsAreZeroAndWritesAreDroppedAndTraced) {
+   Managers m("test/nocell");
+   Mavo::ShmemMan readerMan(m.path, false);  // no writer: nothing exists
+   Cell r{&readerMan, "Ethernet9-q1"};
+   EXPECT_EQ(Brik::shmemCounterVal(&r, Brik::Slot::bytes), 0u);
+   std::vector<std::string> traced;
+   Kel::traceLevelIs("Brik::ShmemCounter", 9);
+   Kel::traceSinkIs([&](const char *, int level, Kel::String8 const & msg) {
+      if (level == 9) traced.push_back(msg.str());
+   });
+   Brik::shmemCounterValIs(&r, 5ull, Brik::Slot::bytes);
+   Kel::traceSinkIs(nullptr);
+   Kel::traceLevelIs("Brik::ShmemCounter", -1);
+   ASSERT_EQ(traced.size(), 1u);
+   EXPECT_EQ(traced[0].rfind("pid:" + std::to_string(::getpid()) + " ", 0), 0u);
+   EXPECT_NE(traced[0].find(" null shmemPtr."), std::string::npos);
+}
+
+TEST(ShmemMan, ManyCellsFitAndEveryProcessFindsTheSameOnes) {
+   Managers m("test/many");
+   constexpr uint32_t cells = 150000;  // three segments
+   Mavo::ShmemMan w(m.path, true);
+   std::set<uint64_t> addrs;
+   for (uint32_t i = 0; i < cells; ++i) {
+      uint64_t a = w.counterAddr("Ethernet" + std::to_string(i) + "-q", 208, false);
+      ASSERT_NE(a, 0u);
+      addrs.insert(a);
+      __atomic_store_n(reinterpret_cast<uint64_t *>(uintptr_t(a) + 8), uint64_t(i) + 1, __ATOMIC_RELAXED);
+   }
+   EXPECT_EQ(addrs.size(), cells);
+   EXPECT_EQ(w.cells(), cells);
+   w.shmemGenIdIs("Ethernet7-q", 208, 42);
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      Mavo::ShmemMan r(m.path, false);
+      for (uint32_t i = 0; i < cells; ++i) {
+         uint64_t a = r.counterAddr("Ethernet" + std::to_string(i) + "-q", 208, true);
+         if (!a || *reinterpret_cast<uint64_t *>(uintptr_t(a) + 8) != uint64_t(i) + 1) ::_exit(1);
+      }
+      uint64_t seven = r.counterAddr("Ethernet7-q", 208, true);
+      if (*reinterpret_cast<uint32_t *>(uintptr_t(seven)) != 42) ::_exit(2);
+      if (r.counterAddr("Ethernet7-q", 200, true) != 0) ::_exit(3);    // another size
+      if (r.counterAddr("NoSuchKey", 208, true) != 0) ::_exit(4);      // a reader never creates
+      if (r.counterAddr("NoSuchKey", 208, false) != 0) ::_exit(5);     // nor as a writer would
+      ::_exit(0);
+   }
+   int st = 0;
+   ::waitpid(pid, &st, 0);
+   EXPECT_TRUE(WIFEXITED(st));
+   EXPECT_EQ(WEXITSTATUS(st), 0);
+   EXPECT_EQ(w.counterAddr(Kel::String8(std::string(49, 'k')), 208, false), 0u);  // key too long
+}
