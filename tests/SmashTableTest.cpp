@@ -121,6 +121,8 @@ TEST(SmashTable, ReadersSeeWholeRowsAndTheShadowEveryChangeWhileTheWriterGrowsTh
    // Done: one byte per waiting process.
    usleep(100000);
    (void)!::write(done[1], "xxx", 3);
+   ::close(report[1]);  // a shadow that died says nothing, and the reads below end
+   report[1] = -1;
    for (pid_t p : readers) EXPECT_EQ(exitCode(p), 0);
    EXPECT_EQ(exitCode(shadow), 0);
    int size = readInt(report[0]), sum = readInt(report[0]), resyncs = readInt(report[0]);
@@ -135,7 +137,7 @@ TEST(SmashTable, ReadersSeeWholeRowsAndTheShadowEveryChangeWhileTheWriterGrowsTh
    EXPECT_EQ(size, expectSize);
    EXPECT_EQ(sum, int(expect % 1000000007));
    EXPECT_GE(resyncs, 1);  // at least its start, and each generation switch
-   for (int f : {done[0], done[1], report[0], report[1]}) ::close(f);
+   for (int f : {done[0], done[1], report[0]}) ::close(f);
 }
 
 TEST(SmashTable, AWriterKilledMidRowLeavesTheOtherRowsAndIsRepairedByTheNext) {

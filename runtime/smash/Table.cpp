@@ -575,7 +575,9 @@ bool TableReader::attach() {
       ctl_ = c;
    }
    auto const * ctl = static_cast<CtlHeader const *>(ctl_);
-   for (int tries = 0; tries < 3; ++tries) {
+   // A writer that grows several times in a row may unlink the generation
+   // just read from the control; read it again, a bounded number of times.
+   for (int tries = 0; tries < 64; ++tries) {
       uint32_t gen = const_cast<CtlHeader *>(ctl)->generation.load(std::memory_order_acquire);
       if (gen_ && gen_->generation == gen) return true;
       std::string why;
