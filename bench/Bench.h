@@ -43,6 +43,7 @@ void registerTextBenches();
 void registerRatesBenches();
 void registerReplicationBenches();
 void registerScaleBenches();
+void registerShmBenches();
 
 } // namespace IntfBench
 

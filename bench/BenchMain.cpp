@@ -163,6 +163,7 @@ int main(int argc, char ** argv) {
    registerRatesBenches();
    registerReplicationBenches();
    registerScaleBenches();
+   registerShmBenches();
 
    Collector collector;
    benchmark::RunSpecifiedBenchmarks(&collector);

@@ -51,7 +51,7 @@ Kel::LogMessage const & intfMaxMtuExceeded() {
 bool syncMtu(IntfStatus * status, IntfStatusLocal * statusLocal, IntfConfig const * config,
              bool updateStatus, bool updateKernel, S32 fd) {
    KEL_ASSERT(status, "SyncMtu");
-   Zenet::NamespaceName ns(Kel::String8(Zenet::DEFAULT_NS));
+   Zenet::NamespaceName ns{Kel::String8(Zenet::DEFAULT_NS)};
    if (statusLocal && !statusLocal->netNsName().name().empty()) ns = statusLocal->netNsName();
    return syncMtuInNs(status, config, updateStatus, updateKernel, ns, fd);
 }

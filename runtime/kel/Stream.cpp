@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 namespace Kel {
 
@@ -121,37 +122,59 @@ namespace NboAttrLog {
 
 // ---- EntityAdapter -------------------------------------------------------------------------------
 
-EntityAdapter::EntityAdapter(Writer * w, Entity * e, uint32_t id) : w_(w), e_(e), id_(id) {
-   kelGenericIs(true);
-   KelType const * t = e->fwkType();
-   bits_.resize(t->logSets);
-   for (AttrDesc const & d : t->attributes()) {
-      if (!d.replicated()) continue;
-      auto & set = bits_[d.logSet];
-      if (set.size() < size_t(d.logBit / 8 + 1)) set.resize(d.logBit / 8 + 1);
+EntityAdapter::BitLayout const * EntityAdapter::bitLayout(KelType const * t) {
+   static std::mutex m;
+   static auto * layouts = new std::unordered_map<KelType const *, std::unique_ptr<BitLayout>>;
+   std::lock_guard<std::mutex> g(m);
+   auto & l = (*layouts)[t];
+   if (!l) {
+      l = std::make_unique<BitLayout>();
+      std::vector<uint16_t> bytes(t->logSets, 0);
+      for (AttrDesc const & d : t->attributes()) {
+         if (d.replicated()) bytes[d.logSet] = std::max<uint16_t>(bytes[d.logSet], uint16_t(d.logBit / 8 + 1));
+      }
+      uint16_t at = 0;
+      for (uint16_t b : bytes) {
+         l->start.push_back(at);
+         at = uint16_t(at + b);
+      }
+      l->start.push_back(at);
    }
+   return l.get();
+}
+
+EntityAdapter::EntityAdapter(Writer * w, Entity * e, uint32_t id)
+      : w_(w), e_(e), id_(id), layout_(bitLayout(e->fwkType())) {
+   kelGenericIs(true);
+   bits_.assign(layout_->start.back(), '\0');
+}
+
+std::vector<uint8_t> EntityAdapter::dirtyBitSet(uint8_t set) const {
+   if (set + 1u >= layout_->start.size()) return {};
+   return std::vector<uint8_t>(bits_.begin() + layout_->start[set], bits_.begin() + layout_->start[set + 1]);
 }
 
 void EntityAdapter::setBit(AttrDesc const & d, bool v) {
-   uint8_t & byte = bits_[d.logSet][d.logBit / 8];
-   uint8_t mask = uint8_t(1u << (d.logBit % 8));
-   byte = v ? uint8_t(byte | mask) : uint8_t(byte & ~mask);
+   size_t i = bitIndex(d);
+   char & byte = bits_[i / 8];
+   uint8_t mask = uint8_t(1u << (i % 8));
+   byte = char(v ? uint8_t(uint8_t(byte) | mask) : uint8_t(uint8_t(byte) & ~mask));
 }
 
 bool EntityAdapter::bit(AttrDesc const & d) const {
-   return bits_[d.logSet][d.logBit / 8] & (1u << (d.logBit % 8));
+   size_t i = bitIndex(d);
+   return uint8_t(bits_[i / 8]) & (1u << (i % 8));
 }
 
 bool EntityAdapter::dirty() const {
-   for (auto const & set : bits_) {
-      for (uint8_t b : set) {
-         if (b) return true;
-      }
+   for (char b : bits_) {
+      if (b) return true;
    }
-   for (auto const & [id, keys] : dirtyKeys_) {
+   if (!pending_) return false;
+   for (auto const & [id, keys] : pending_->dirtyKeys) {
       if (!keys.empty()) return true;
    }
-   return !cursors_.empty();
+   return !pending_->cursors.empty();
 }
 
 void EntityAdapter::markAllDirty() {
@@ -175,30 +198,34 @@ bool EntityAdapter::flowOutSome() {
          setBit(d, false);
          if (d.logCursor) {
             // The whole collection, one member at a time.
-            cursors_[d.id] = d.logCursor(e_);
+            pending().cursors[d.id] = d.logCursor(e_);
          } else {
             w_->writeAttr(this, d);
          }
       }
-      if (auto c = cursors_.find(d.id); c != cursors_.end()) {
+      if (!pending_) continue;
+      auto & cursors = pending_->cursors;
+      if (auto c = cursors.find(d.id); c != cursors.end()) {
          while (true) {
             if (!w_->hasRoom() || w_->closed_) return false;
             Out key;
             if (!c->second->next(key)) break;
             w_->writeMember(this, d, std::string(key.data(), key.size()));
          }
-         cursors_.erase(c);
+         cursors.erase(c);
       }
-      auto it = dirtyKeys_.find(d.id);
-      if (it == dirtyKeys_.end()) continue;
+      auto & dirtyKeys = pending_->dirtyKeys;
+      auto it = dirtyKeys.find(d.id);
+      if (it == dirtyKeys.end()) continue;
       auto & keys = it->second;
       while (!keys.empty()) {
          if (!w_->hasRoom() || w_->closed_) return false;
          std::string k = std::move(keys.extract(keys.begin()).value());
          w_->writeMember(this, d, k);
       }
-      dirtyKeys_.erase(it);
+      dirtyKeys.erase(it);
    }
+   if (pending_ && pending_->cursors.empty() && pending_->dirtyKeys.empty()) pending_.reset();
    return true;
 }
 
@@ -490,7 +517,7 @@ void Writer::changed(EntityAdapter * a, AttrDesc const & d, void const * key) {
    // No room: remember what changed, send its latest value later.
    flowOut_ = true;
    if (d.logEncodeKey) {
-      a->dirtyKeys_[d.id].insert(std::move(k));
+      a->pending().dirtyKeys[d.id].insert(std::move(k));
    } else {
       a->setBit(d, true);
    }

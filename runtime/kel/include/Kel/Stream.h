@@ -122,7 +122,7 @@ class EntityAdapter : public Entity::NotifieeConst {
    void markAllDirty();
    // KelDirtyBitSet<set>, byte by byte (bit 1 of byte 0 is the first
    // replicated attribute of that type level).
-   std::vector<uint8_t> const & dirtyBitSet(uint8_t set) const { return bits_[set]; }
+   std::vector<uint8_t> dirtyBitSet(uint8_t set) const;
    bool inDirtyList = false;
    bool inSubtree = false;  // below the served entity (not only referenced)
 
@@ -133,12 +133,26 @@ class EntityAdapter : public Entity::NotifieeConst {
    Writer * w_;
    Entity * e_;
    uint32_t id_;
-   std::vector<std::vector<uint8_t>> bits_;
-   // Encoded keys changed since last written, per collection.
-   std::unordered_map<AttributeId, std::set<std::string>> dirtyKeys_;
-   // Collections being sent whole, member by member (a set dirty bit of a
-   // collection starts one).
-   std::unordered_map<AttributeId, std::unique_ptr<CollCursor>> cursors_;
+   // Where each type level's bits start in bits_, shared by every adapter
+   // of the type; one adapter per entity served, so it is kept small.
+   struct BitLayout {
+      std::vector<uint16_t> start;  // per set, then the total
+   };
+   static BitLayout const * bitLayout(KelType const * t);
+   size_t bitIndex(AttrDesc const & d) const { return layout_->start[d.logSet] * 8u + d.logBit; }
+   BitLayout const * layout_;
+   std::string bits_;  // the dirty bits of every set, flat (short: held inline)
+   // Changed collection keys and collections being sent member by member
+   // (a set dirty bit of a collection starts one): only while there are any.
+   struct Pending {
+      std::unordered_map<AttributeId, std::set<std::string>> dirtyKeys;
+      std::unordered_map<AttributeId, std::unique_ptr<CollCursor>> cursors;
+   };
+   Pending & pending() {
+      if (!pending_) pending_ = std::make_unique<Pending>();
+      return *pending_;
+   }
+   std::unique_ptr<Pending> pending_;
 };
 
 class Writer : public ActivityLoop::Source, private RefCodec {
