@@ -1,4 +1,5 @@
 // Shared-memory counter cells; see Mavo/ShmemMan.h.
+#include <Brik/ShmemCounter.h>
 #include <Mavo/ShmemMan.h>
 
 #include <fcntl.h>
@@ -106,6 +107,30 @@ void ShmemMan::shmemGenIdIs(Kel::String8 const & key, uint32_t size, uint32_t ge
    uint64_t addr = counterAddr(key, size, false);
    if (!addr) return;
    __atomic_store_n(reinterpret_cast<uint32_t *>(uintptr_t(addr)), genId, __ATOMIC_RELEASE);
+}
+
+uint64_t ShmemMan::cellFor(Kel::String8 const & key, uint32_t size, bool forRead, uint32_t * counterGenId,
+                           char const * who) {
+   Kel::String8 pid = Kel::String8(std::to_string(::getpid()));
+   KEL_TRACE(Brik::shmemTrace(), 9, "pid:" + pid + " " + who + " key: " + key);
+   uint64_t addr = counterAddr(key, size, forRead);
+   if (!addr) return 0;
+   auto * gen = reinterpret_cast<std::atomic<uint32_t> *>(uintptr_t(addr) + Brik::ShmemCell::genIdOffset);
+   uint32_t cellGen = gen->load(std::memory_order_acquire);
+   if (cellGen != 0 && cellGen == *counterGenId) return addr;
+   if (forRead) {
+      KEL_TRACE(Brik::shmemTrace(), 9, "counterAddr pid:" + pid + " genId mismatched! shmemGenId=" +
+                                          Kel::String8(std::to_string(cellGen)) + " counterGenId()=" +
+                                          Kel::String8(std::to_string(*counterGenId)));
+      return 0;
+   }
+   uint32_t next = *counterGenId + 1;
+   if (next == 0) next = 1;  // 0 means no generation is known
+   gen->store(next, std::memory_order_release);
+   *counterGenId = next;
+   KEL_TRACE(Brik::shmemTrace(), 9, "pid:" + pid + " " + who + " sync counterGenId to be " +
+                                       Kel::String8(std::to_string(next)));
+   return addr;
 }
 
 } // namespace Mavo

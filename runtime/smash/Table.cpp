@@ -591,7 +591,7 @@ bool TableReader::attach() {
          error_ = "table " + path_ + ": " + (err.empty() ? std::string("generation mismatch") : err);
          return gen_ != nullptr;
       }
-      gen_ = std::move(m);
+      gen_ = std::shared_ptr<Mapping>(std::move(m));
       error_.clear();
       return true;
    }
@@ -603,7 +603,8 @@ bool TableReader::refresh() { return attach(); }
 Found TableReader::find(void const * key, void * value) {
    if (!gen_ && !attach()) return Found::none;
    for (int round = 0; round < 4; ++round) {
-      Mapping const & m = *gen_;
+      std::shared_ptr<Mapping> keep = gen_;
+      Mapping const & m = *keep;
       uint64_t h = hashKey(key, shape_.keyBytes);
       thread_local std::vector<uint8_t> row;
       row.resize(m.layout->slotBytes);
@@ -632,7 +633,8 @@ Found TableReader::find(void const * key, void * value) {
 void TableReader::forEach(std::function<void(void const *, void const *)> const & fn) {
    if (!gen_ && !attach()) return;
    attach();
-   Mapping const & m = *gen_;
+   std::shared_ptr<Mapping> keep = gen_;
+   Mapping const & m = *keep;
    std::vector<uint8_t> row(m.layout->slotBytes);
    for (uint64_t i = 0; i < m.capacity; ++i) {
       if (!readSlot(m, i, row.data())) continue;
@@ -646,7 +648,8 @@ TableShadow::TableShadow(std::string path, TableShape shape) : TableReader(std::
 
 void TableShadow::resync(std::function<void(void const *)> const & changed) {
    ++resyncs_;
-   uint64_t head = gen_->header()->ringHead.load(std::memory_order_acquire);
+   std::shared_ptr<Mapping> keep = gen_;
+   uint64_t head = keep->header()->ringHead.load(std::memory_order_acquire);
    std::unordered_set<std::string> present;
    forEach([&](void const * k, void const *) {
       present.emplace(static_cast<char const *>(k), shape_.keyBytes);
@@ -656,7 +659,7 @@ void TableShadow::resync(std::function<void(void const *)> const & changed) {
    for (auto const & k : all) changed(k.data());
    known_ = std::move(present);
    next_ = head;
-   seenGeneration_ = gen_->generation;
+   seenGeneration_ = keep->generation;
    started_ = true;
 }
 
@@ -666,7 +669,8 @@ size_t TableShadow::poll(std::function<void(void const *)> const & changed) {
       resync(changed);
       return 1;
    }
-   Mapping const & m = *gen_;
+   std::shared_ptr<Mapping> keep = gen_;  // callbacks may move gen_ on
+   Mapping const & m = *keep;
    uint64_t head = m.header()->ringHead.load(std::memory_order_acquire);
    if (head < next_ || head - next_ > m.ring) {
       resync(changed);

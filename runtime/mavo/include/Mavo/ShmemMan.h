@@ -39,6 +39,14 @@ class ShmemMan {
    uint64_t counterAddr(Kel::String8 const & key, uint32_t size, bool forRead);
    // Stores a generation id in the cell of `key` (creating it).
    void shmemGenIdIs(Kel::String8 const & key, uint32_t size, uint32_t genId);
+   // The cell of `key` under the generation rules of counter entities,
+   // whose last seen generation is *counterGenId: a cell whose generation
+   // is non-zero and equal is returned to readers and writers; otherwise a
+   // writer starts a new generation (*counterGenId + 1, skipping 0, stored
+   // in the cell and in *counterGenId) and a reader traces the mismatch and
+   // gets 0. `who` names the caller in the level 9 traces.
+   uint64_t cellFor(Kel::String8 const & key, uint32_t size, bool forRead, uint32_t * counterGenId,
+                    char const * who = "Mavo::ShmemMan::cellFor");
    uint32_t cells() const;
    std::string const & path() const { return path_; }
    bool writer() const { return writer_ != nullptr; }

@@ -141,7 +141,9 @@ class TableReader {
    TableShape shape_;
    int ctlFd_ = -1;
    void const * ctl_ = nullptr;
-   std::unique_ptr<Mapping> gen_;
+   // Shared, so that a walk over one generation keeps it mapped while a
+   // callback's look-up moves the reader to the next.
+   std::shared_ptr<Mapping> gen_;
    std::string error_;
 };
 
