@@ -78,6 +78,52 @@ void ActivityLoop::remove(Source * s) {
    removed_.push_back(s);
 }
 
+ActivityLoop::TimerId ActivityLoop::timerIs(std::chrono::nanoseconds delay, std::function<void()> fn,
+                                            std::chrono::nanoseconds period) {
+   TimerId id = nextTimer_++;
+   timers_.emplace(id, Timer{std::chrono::steady_clock::now() + delay, period, std::move(fn)});
+   return id;
+}
+
+void ActivityLoop::timerDel(TimerId id) { timers_.erase(id); }
+
+int ActivityLoop::waitMs(int timeoutMs) const {
+   if (timers_.empty()) return timeoutMs;
+   auto now = std::chrono::steady_clock::now();
+   auto next = timers_.begin()->second.due;
+   for (auto const & [id, t] : timers_) next = std::min(next, t.due);
+   if (next <= now) return 0;
+   auto ms = std::chrono::ceil<std::chrono::milliseconds>(next - now).count();
+   return timeoutMs < 0 || ms < timeoutMs ? int(ms) : timeoutMs;
+}
+
+int ActivityLoop::runTimers() {
+   if (timers_.empty()) return 0;
+   auto now = std::chrono::steady_clock::now();
+   // Due timers in order of due time; each is looked up again before it
+   // runs, since an earlier callback may have cancelled it.
+   std::vector<std::pair<std::chrono::steady_clock::time_point, TimerId>> due;
+   for (auto const & [id, t] : timers_) {
+      if (t.due <= now) due.emplace_back(t.due, id);
+   }
+   std::sort(due.begin(), due.end());
+   for (auto const & [when, id] : due) {
+      auto it = timers_.find(id);
+      if (it == timers_.end()) continue;
+      std::function<void()> fn = it->second.fn;
+      if (it->second.period.count() > 0) {
+         auto & t = it->second;
+         do {
+            t.due += t.period;
+         } while (t.due <= now);
+      } else {
+         timers_.erase(it);
+      }
+      fn();
+   }
+   return int(due.size());
+}
+
 int ActivityLoop::runOnce(int timeoutMs) {
    removed_.clear();
    std::vector<pollfd> fds;
@@ -90,7 +136,7 @@ int ActivityLoop::runOnce(int timeoutMs) {
       srcs.push_back(s);
    }
    bool anyFinished = srcs.size() != sources_.size();
-   int n = anyFinished ? ::poll(fds.data(), fds.size(), 0) : ::poll(fds.data(), fds.size(), timeoutMs);
+   int n = ::poll(fds.data(), fds.size(), anyFinished ? 0 : waitMs(timeoutMs));
    auto gone = [&](Source * s) {
       return std::find(removed_.begin(), removed_.end(), s) != removed_.end();
    };
@@ -115,7 +161,7 @@ int ActivityLoop::runOnce(int timeoutMs) {
       remove(s);
       s->onDropped();
    }
-   return handled;
+   return handled + runTimers();
 }
 
 namespace NboAttrLog {
@@ -290,7 +336,10 @@ void Writer::teardown() {
 }
 
 void Writer::onDropped() {
-   if (closeHandler_) closeHandler_(reason_);
+   // The handler may delete this writer: nothing of it is used afterwards.
+   auto handler = std::move(closeHandler_);
+   String8 reason = reason_;
+   if (handler) handler(reason);
 }
 
 Ptr<Entity> Writer::resolveMount(std::string_view path, String8 * why) const {
@@ -605,7 +654,17 @@ void Reader::onReadable() {
 }
 
 void Reader::onDropped() {
-   if (closeHandler_) closeHandler_(reason_);
+   // The handler may delete this reader: nothing of it is used afterwards.
+   auto handler = std::move(closeHandler_);
+   String8 reason = reason_;
+   if (handler) handler(reason);
+}
+
+void Reader::onRoundEnd() {
+   if (!syncToTell_ || closed_) return;
+   syncToTell_ = false;
+   auto handler = std::move(syncHandler_);  // once per connection; it may delete this reader
+   if (handler) handler();
 }
 
 void Reader::close(String8 const & why) {
@@ -737,6 +796,7 @@ void Reader::apply(uint8_t type, In & in) {
       }
       case msgSyncDone:
          synced_ = true;
+         syncToTell_ = true;
          return;
       case msgForget:
          byId_.erase(in.nextU32());

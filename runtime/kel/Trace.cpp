@@ -23,7 +23,7 @@ TraceState & state() {
 
 } // namespace
 
-TraceFacility::TraceFacility(const char * name) : name_(name), maxLevel_(-1) {
+TraceFacility::TraceFacility(const char * name) : name_(name), maxLevel_(0) {
    TraceState & s = state();
    std::lock_guard<std::mutex> g(s.mutex);
    s.facilities.push_back(this);

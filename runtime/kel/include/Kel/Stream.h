@@ -27,7 +27,9 @@
 #include <time.h>
 
 #include <cstdint>
+#include <chrono>
 #include <deque>
+#include <map>
 #include <functional>
 #include <set>
 #include <memory>
@@ -58,16 +60,37 @@ class ActivityLoop {
    // Stops polling `s`; safe from inside a callback of any source, also of
    // `s` itself, which may then be deleted.
    void remove(Source * s);
-   // Waits up to timeoutMs for activity and handles it. Returns the number
-   // of sources that had events.
+   // Waits up to timeoutMs (or the next timer) for activity and handles it,
+   // then runs the timers that are due. Returns the number of sources that
+   // had events plus the timers that ran.
    int runOnce(int timeoutMs);
    // Runs rounds until `done()` or the time runs out; true when done.
    template <class Pred>
    bool runUntil(Pred done, int timeoutMs);
    size_t sources() const { return sources_.size(); }
 
+   // Timers on the monotonic clock, run by runOnce when due (a round waits
+   // no longer than the next timer). A periodic timer is due every `period`
+   // after its first time, not `period` after its callback ran, so it does
+   // not drift; rounds it missed are skipped, not run in a burst. A callback
+   // may add or cancel timers, its own included.
+   using TimerId = uint64_t;
+   TimerId timerIs(std::chrono::nanoseconds delay, std::function<void()> fn,
+                   std::chrono::nanoseconds period = std::chrono::nanoseconds(0));
+   void timerDel(TimerId id);
+   size_t timers() const { return timers_.size(); }
+
  private:
+   struct Timer {
+      std::chrono::steady_clock::time_point due;
+      std::chrono::nanoseconds period;
+      std::function<void()> fn;
+   };
+   int runTimers();
+   int waitMs(int timeoutMs) const;
    std::vector<Source *> sources_;
+   std::map<TimerId, Timer> timers_;
+   TimerId nextTimer_ = 1;
    // Removed during the current round: skipped for the rest of it.
    std::vector<Source *> removed_;
 };
@@ -271,6 +294,10 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    // Called (by the activity loop, after it dropped the reader) with the
    // reason the connection closed; it may delete the reader.
    void closeHandlerIs(std::function<void(String8 const &)> h) { closeHandler_ = std::move(h); }
+   // Called at the end of the round in which the initial state became
+   // complete; it may delete the reader (after removing it from the loop).
+   void syncHandlerIs(std::function<void()> h) { syncHandler_ = std::move(h); }
+   void onRoundEnd() override;
 
    // Applies received bytes (what onReadable does with what it reads).
    void receive(char const * p, size_t n);
@@ -297,7 +324,9 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    // Set while applying to an owning collection: a reference by name
    // (to an entity of this process) may not be placed there.
    bool owningTarget_ = false;
+   bool syncToTell_ = false;
    std::function<void(String8 const &)> closeHandler_;
+   std::function<void()> syncHandler_;
    std::string out_;
    size_t sent_ = 0;
    std::string in_;

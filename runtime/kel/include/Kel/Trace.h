@@ -1,7 +1,9 @@
 // Tracing: one facility per source ("Kel::NboAttrLog", "Intf::SyncMtu"),
-// levels 0 (failure), 1 (notable), 2 (progress) and up. Nothing is
-// formatted unless the facility is enabled at that level; messages go to
-// standard error unless a sink is installed (tests capture them).
+// levels 0 (failure), 1 (notable), 2 (progress) and up. Level 0 is on
+// unless an agent turns it off (traceLevelIs(name, -1)): failures such as a
+// refused connection are visible without any setting. Nothing is formatted
+// unless the facility is enabled at that level; messages go to standard
+// error unless a sink is installed (tests capture them).
 #pragma once
 
 #include <Kel/String8.h>
