@@ -425,6 +425,7 @@ void checkReinstantiate(T const & child, A const &... args) {
    };
 #define KEL_EA_DESC_COLL_(an, Key, Value)                                           \
    d.keyType = &::Kel::typeOf<Key>;                                                   \
+   d.keyToGeneric = [](void const * k) { return ::Kel::toGeneric(*static_cast<Key const *>(k)); }; \
    d.index = [](void const * o, ::Kel::GenericIf const & k) {                         \
       return ::Kel::toGeneric(KEL_EA_SELF_->an(::Kel::fromGeneric<Key>(k, #an))); \
    };                                                                                 \
@@ -698,6 +699,8 @@ void checkReinstantiate(T const & child, A const &... args) {
       return name##_.iterator(k);                                                     \
    }                                                                                  \
    uint32_t name##Size() const { return name##_.size(); }                             \
+   /* for (auto const & m : x.name##Range()) ... m.key(), m.value() */               \
+   ::Kel::CollRange<Name##IteratorConst> name##Range() const { return {name##_.begin()}; } \
    virtual void name##Del(Key const & k) {                                            \
       if (auto * m = name##_.find(k)) {                                               \
          kelCheckWritable();                                                          \

@@ -205,12 +205,13 @@ class Entity::NotifieeConst : public PtrInterface::NotifieeConst {
    // entity's type, through kelOnAttribute instead of the typed callbacks
    // (replication and reflection adapters are generic).
    bool kelGeneric() const { return generic_; }
-   // `key` points at the collection key for a collection attribute, else null.
+   // `key` points at the collection key for a collection attribute, else
+   // null. Only generic reactors are called here; an agent's generic
+   // reactor derives from Kel::GenericReactor (Kel/GenericReactor.h).
    virtual void kelOnAttribute(AttributeId id, void const * key) {
+      (void)id;
       (void)key;
-      onAttribute(id);
    }
-   virtual void onAttribute(AttributeId) {}
 
  protected:
    void kelNotifierIs(Entity const * e);

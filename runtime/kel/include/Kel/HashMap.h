@@ -114,6 +114,8 @@ class CollIterator {
    ~CollIterator() { if (n_) Map::release(n_); }
 
    explicit operator bool() const { return n_ != nullptr; }
+   // Range-for yields the iterator itself: key(), value(), ptr().
+   CollIterator const & operator*() const { return *this; }
    auto const & key() const { return n_->key; }
    auto const & value() const { return n_->value; }
    // Entity collections: the member entity.
@@ -134,6 +136,14 @@ class CollIterator {
  private:
    Map const * map_ = nullptr;
    Member * n_ = nullptr;
+};
+
+// A collection in a range-for: from its first member to past its last.
+template <class It>
+struct CollRange {
+   It first;
+   It begin() const { return first; }
+   It end() const { return It(); }
 };
 
 template <class Member, class Key, class Value>

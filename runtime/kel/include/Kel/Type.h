@@ -69,6 +69,8 @@ struct AttrDesc {
    void (*indexSet)(void * obj, GenericIf const & key, GenericIf const & v) = nullptr;
    void (*del)(void * obj, GenericIf const & key) = nullptr;
    Ptr<GenericIterator> (*iterate)(void const * obj) = nullptr;
+   // Collections: a key as notifications pass it (a pointer to the key type).
+   Ptr<GenericIf> (*keyToGeneric)(void const * key) = nullptr;
    // Operations (static functions reachable by name): arguments as a list.
    Ptr<GenericIf> (*call)(void * obj, GenericIf const & args) = nullptr;
 
