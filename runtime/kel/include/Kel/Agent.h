@@ -3,7 +3,7 @@
 //   Kel::ActivityLoop loop;
 //   Kel::NboAttrLog::Server server(loop, "/run/intf/config.sock", configRoot, "intf-configd");
 //   ...
-//   Kel::NboAttrLog::Client client(loop, "/run/intf/config.sock", "", {.reconnect = true});
+//   Kel::NboAttrLog::Client client(loop, "/run/intf/config.sock", "");
 //   client.onSynced = [&](Kel::Ptr<Kel::Entity> root) { ... };
 //   client.onClosed = [&](Kel::String8 const & why) { ... };
 //   for (;;) loop.runOnce(1000);
