@@ -1,7 +1,9 @@
 // Reflection: attributes read, written, iterated and constructed by name.
 #include "TestTypes.h"
 
+#include <Intf/IntfStatusDir.h>
 #include <Kel/GenericIf.h>
+#include <Kel/Stream.h>
 
 #include <gtest/gtest.h>
 
@@ -157,4 +159,19 @@ TEST(Reflection, TypeObjectsDescribeAttributesAndMakeEntities) {
    EXPECT_EQ(Kel::dynamicCast<Thing>(e)->id(), 5u);
    EXPECT_EQ(IntfOperStatus(1), IntfOperStatus::intfOperUp);
    EXPECT_EQ(_fwkType_IntfOperStatus()->name(), String8("Interface::IntfOperStatus"));
+}
+
+// Every type names its support classes: the reactors, the reflection
+// wrapper and the attribute-log adapter (the generic writer adapter for
+// entities, the record's own encoding for records).
+TEST(Reflection, EveryTypeNamesItsAttributeLogAdapter) {
+   static_assert(std::is_same_v<Interface::IntfConfig::KelNboAttrLogSa, Kel::NboAttrLog::EntityAdapter>);
+   static_assert(std::is_same_v<Interface::AllIntfStatusDir::KelNboAttrLogSa, Kel::NboAttrLog::EntityAdapter>);
+   static_assert(std::is_same_v<Thing::KelNboAttrLogSa, Kel::NboAttrLog::EntityAdapter>);
+   using Sa = LoadInterval::KelNboAttrLogSa;
+   Kel::NboAttrLog::Out out;
+   Sa::write(out, LoadInterval(false, 42), nullptr);
+   Kel::NboAttrLog::In in(out.data(), out.size());
+   EXPECT_EQ(Sa::read(in, nullptr), LoadInterval(false, 42));
+   EXPECT_TRUE(in.atEnd());
 }

@@ -856,6 +856,8 @@ void checkReinstantiate(T const & child, A const &... args) {
       return v;                                                                       \
    }                                                                                  \
    KEL_TYPE_OBJECT_(GenericEntity, makeEntityType)                                    \
+   /* The attribute-log adapter of every entity: the one generic writer adapter. */  \
+   using KelNboAttrLogSa = ::Kel::NboAttrLog::EntityAdapter;                          \
    ::Kel::KelType const * fwkType() const override { return _fwkType(); }            \
    ::Kel::Ptr<::Kel::Entity> kelChildNamed(std::string_view n) const override {       \
       ATTRS(KEL_EA_CHILD_)                                                            \

@@ -25,6 +25,9 @@ namespace NboAttrLog {
 class Out;
 class In;
 class RefCodec;
+class EntityAdapter;
+template <class T, class Enable>
+struct Nbo;
 } // namespace NboAttrLog
 class Entity;
 class KelType;

@@ -317,6 +317,8 @@ struct Text<E> {
       return v;                                                                        \
    }                                                                                   \
    KEL_TYPE_OBJECT_(GenericValue, makeValueType)                                      \
+   /* The attribute-log encoding of the record, made from its field list. */          \
+   using KelNboAttrLogSa = ::Kel::NboAttrLog::Nbo<KelSelf, void>;                     \
                                                                                       \
  private:                                                                             \
    FIELDS(KEL_VF_STORAGE_)                                                            \
