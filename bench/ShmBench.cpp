@@ -52,8 +52,13 @@ struct Cells {
    CachedCell cell{};
 };
 
+// Made once, kept for the whole run, removed from shared memory at exit.
 Cells & cells() {
-   static Cells * c = new Cells;
+   static Cells * c = [] {
+      auto * made = new Cells;
+      std::atexit([] { Mavo::ShmemMan::remove("bench/cells"); });
+      return made;
+   }();
    return *c;
 }
 
@@ -80,7 +85,11 @@ struct Tables {
 };
 
 Tables & tables() {
-   static Tables * t = new Tables;
+   static Tables * t = [] {
+      auto * made = new Tables;
+      std::atexit([] { Smash::removeTable("bench/table"); });
+      return made;
+   }();
    return *t;
 }
 
