@@ -1,0 +1,243 @@
+// The configuration agent as its readers and operators meet it: the real
+// intf-configd in a child process, its tree mounted over its socket, the
+// file edited under it (good edits arrive, a bad one changes nothing and is
+// reported with its line), a clean stop, and the check mode's verdicts.
+#include <Intf/GlobalIntfConfig.h>
+#include <Intf/IntfStatusDir.h>
+#include <Kel/Agent.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+using namespace std::chrono_literals;
+using namespace Interface;
+using Zenet::IntfId;
+
+namespace {
+
+// A private directory for the file and the socket, removed with its content.
+struct TempDir {
+   TempDir() {
+      char tmpl[] = "/tmp/intf-configd-test-XXXXXX";
+      EXPECT_NE(::mkdtemp(tmpl), nullptr);
+      path = tmpl;
+   }
+   ~TempDir() {
+      std::error_code ignored;
+      std::filesystem::remove_all(path, ignored);
+   }
+   std::string path;
+};
+
+// Written whole and renamed into place, as configuration tools do.
+void writeFile(std::string const & path, std::string const & text) {
+   std::string tmp = path + ".new";
+   std::ofstream(tmp) << text;
+   ASSERT_EQ(::rename(tmp.c_str(), path.c_str()), 0);
+}
+
+// What the child writes to one of its outputs, collected by the loop.
+struct Output : Kel::ActivityLoop::Source {
+   int fd_ = -1;
+   bool eof = false;
+   std::string text;
+   int fd() const override { return fd_; }
+   void onReadable() override {
+      char buf[4096];
+      ssize_t n;
+      while ((n = ::read(fd_, buf, sizeof buf)) > 0) text.append(buf, size_t(n));
+      if (n == 0) eof = true;
+   }
+   bool finished() const override { return eof; }
+};
+
+// intf-configd with the given arguments; killed and reaped on every path.
+struct Configd {
+   explicit Configd(std::vector<std::string> args) {
+      int out[2], err[2];
+      if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return;
+      pid = ::fork();
+      if (pid == 0) {
+         ::dup2(out[1], 1);
+         ::dup2(err[1], 2);
+         std::vector<char *> argv{const_cast<char *>(INTF_CONFIGD)};
+         for (auto & a : args) argv.push_back(a.data());
+         argv.push_back(nullptr);
+         ::execv(INTF_CONFIGD, argv.data());
+         ::_exit(127);
+      }
+      ::close(out[1]);
+      ::close(err[1]);
+      stdout_.fd_ = out[0];
+      stderr_.fd_ = err[0];
+      ::fcntl(out[0], F_SETFL, O_NONBLOCK);
+      ::fcntl(err[0], F_SETFL, O_NONBLOCK);
+      loop.add(&stdout_);
+      loop.add(&stderr_);
+   }
+   ~Configd() {
+      if (pid > 0) {
+         ::kill(pid, SIGKILL);
+         ::waitpid(pid, nullptr, 0);
+      }
+      if (!stdout_.eof) loop.remove(&stdout_);
+      if (!stderr_.eof) loop.remove(&stderr_);
+      if (stdout_.fd_ >= 0) ::close(stdout_.fd_);
+      if (stderr_.fd_ >= 0) ::close(stderr_.fd_);
+   }
+   bool errorSays(std::string const & s) const { return stderr_.text.find(s) != std::string::npos; }
+   // Runs the loop until the child has exited and closed its outputs; its
+   // exit status, or -1 (killed, or not done in time).
+   int exitStatus() {
+      int status = 0;
+      bool exited = loop.runUntil(
+            [&] { return stdout_.eof && stderr_.eof && ::waitpid(pid, &status, WNOHANG) == pid; }, 5000);
+      if (!exited) return -1;
+      pid = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+   }
+   Kel::ActivityLoop loop;
+   pid_t pid = -1;
+   Output stdout_, stderr_;
+};
+
+struct Mounted {
+   Kel::Ptr<Kel::Entity> root;
+   Kel::Ptr<GlobalIntfConfig> global;
+   Kel::Ptr<AllIntfConfigDir> intfs;
+   Kel::Ptr<AllIntfNamespaceConfigDir> namespaces;
+   bool complete() const { return global && intfs && namespaces; }
+};
+
+Mounted mounted(Kel::Ptr<Kel::Entity> root) {
+   Mounted m{root, Kel::dynamicCast<GlobalIntfConfig>(root->entity("global")),
+             Kel::dynamicCast<AllIntfConfigDir>(root->entity("intf")),
+             Kel::dynamicCast<AllIntfNamespaceConfigDir>(root->entity("namespace"))};
+   return m;
+}
+
+} // namespace
+
+TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) {
+   TempDir dir;
+   std::string cfg = dir.path + "/intf.conf", sock = dir.path + "/config.sock";
+   writeFile(cfg, "global load-interval=60\n"
+                  "Ethernet1 admin=down mtu=9000 description=\"uplink to spine 1\"\n"
+                  "Ethernet2 admin=up netns=blue\n");
+   Configd agent({"--config", cfg, "--socket", sock});
+   ASSERT_GT(agent.pid, 0);
+   ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays("serving on " + sock); }, 5000))
+         << agent.stderr_.text;
+
+   Kel::NboAttrLog::Client client(agent.loop, sock, "");
+   std::vector<std::string> closes;
+   client.onClosed = [&](Kel::String8 const & why) { closes.push_back(why.str()); };
+   ASSERT_TRUE(agent.loop.runUntil([&] { return client.synced() || !closes.empty(); }, 5000));
+   ASSERT_TRUE(client.synced()) << closes[0];
+   Mounted t = mounted(client.root());
+   ASSERT_TRUE(t.complete());
+   EXPECT_EQ(t.global->loadInterval(), LoadInterval(false, 60));
+   auto e1 = t.intfs->intfConfig(IntfId("Ethernet1"));
+   ASSERT_TRUE(e1);
+   EXPECT_EQ(e1->mtu(), 9000u);
+   EXPECT_EQ(e1->description(), "uplink to spine 1");
+   EXPECT_EQ(e1->adminEnabledStateLocal(), IntfEnabledState::shutdown);
+   auto e2 = t.intfs->intfConfig(IntfId("Ethernet2"));
+   ASSERT_TRUE(e2);
+   EXPECT_EQ(e2->adminEnabledStateLocal(), IntfEnabledState::enabled);
+   EXPECT_EQ(e2->mtu(), 1500u);
+   EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet2"))->netNsName().name(), "blue");
+
+   // A good edit: Ethernet1's MTU, Ethernet2 gone, Ethernet3 new.
+   writeFile(cfg, "global load-interval=60\n"
+                  "Ethernet1 admin=down mtu=1400 description=\"uplink to spine 1\"\n"
+                  "Ethernet3 admin=up\n");
+   ASSERT_TRUE(agent.loop.runUntil([&] { return e1->mtu() == 1400 && t.intfs->intfConfig(IntfId("Ethernet3")); }, 5000))
+         << agent.stderr_.text;
+   EXPECT_EQ(t.intfs->intfConfig(IntfId("Ethernet1")), e1);  // the same entity, edited
+   EXPECT_EQ(e1->description(), "uplink to spine 1");
+   EXPECT_FALSE(t.intfs->intfConfig(IntfId("Ethernet2")));
+   EXPECT_FALSE(t.namespaces->intfNamespaceConfig(IntfId("Ethernet2")));
+   ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays("1 added, 1 changed, 1 removed"); }, 5000))
+         << agent.stderr_.text;
+
+   // A bad edit (its second line) that would also change line 1: reported
+   // with the line, and not one attribute moves.
+   uint32_t e1Count = e1->modificationCount(), dirCount = t.intfs->modificationCount();
+   writeFile(cfg, "Ethernet1 mtu=2000\nEthernet3 mtu=70000\n");
+   ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays(cfg + ":2: "); }, 5000)) << agent.stderr_.text;
+   agent.loop.runUntil([] { return false; }, 200);  // room for anything that would wrongly follow
+   EXPECT_EQ(e1->mtu(), 1400u);
+   EXPECT_EQ(e1->modificationCount(), e1Count);
+   EXPECT_EQ(t.intfs->modificationCount(), dirCount);
+   EXPECT_TRUE(client.synced());
+   EXPECT_TRUE(closes.empty()) << closes[0];
+
+   // Still serving the last good configuration to a new reader.
+   Kel::NboAttrLog::Client late(agent.loop, sock, "intf");
+   ASSERT_TRUE(agent.loop.runUntil([&] { return late.synced(); }, 5000));
+   auto lateIntfs = Kel::dynamicCast<AllIntfConfigDir>(late.root());
+   ASSERT_TRUE(lateIntfs);
+   EXPECT_EQ(lateIntfs->intfConfigSize(), 2u);
+   EXPECT_EQ(lateIntfs->intfConfig(IntfId("Ethernet1"))->mtu(), 1400u);
+
+   // SIGTERM: a clean exit that takes its socket file along.
+   ASSERT_EQ(::kill(agent.pid, SIGTERM), 0);
+   EXPECT_EQ(agent.exitStatus(), 0);
+   struct stat st;
+   EXPECT_NE(::stat(sock.c_str(), &st), 0);
+   EXPECT_TRUE(agent.loop.runUntil([&] { return !closes.empty(); }, 5000));
+}
+
+TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
+   TempDir dir;
+   std::string good = dir.path + "/good.conf", bad = dir.path + "/bad.conf";
+   std::string missing = dir.path + "/missing.conf", sock = dir.path + "/config.sock";
+   writeFile(good, "Ethernet1 admin=up mtu=9000\nEthernet2 netns=blue description=\"a \\\"b\\\"\"\n");
+   writeFile(bad, "# fine\nEthernet1 mtu=9000\nEthernet2 admin=sideways\n");
+   struct Case {
+      std::vector<std::string> args;
+      int status;
+      bool wholeOut;         // out is all of stdout, not a part
+      std::string out, err;  // what stdout and stderr contain
+   } cases[] = {
+      {{"--once", "--config", good}, 0, true,
+       good + ": 2 interfaces (1 admin up, 0 admin down, 1 admin unset), 1 outside the default namespace\n"
+              "global load-interval=default link-status-logging=on\n"
+              "Ethernet1 admin=up mtu=9000 load-interval=default netns=default\n"
+              "Ethernet2 admin=unset mtu=1500 load-interval=default netns=blue description=\"a \\\"b\\\"\"\n",
+       ""},
+      {{"--once", "--config", bad}, 1, false, "", bad + ":3: "},
+      {{"--config=" + missing, "--once"}, 1, false, "", missing + ":0: "},
+      {{"--config", bad, "--socket", sock}, 1, false, "", bad + ":3: "},
+      {{"--config", missing, "--socket", sock}, 1, false, "", missing + ":0: "},
+      {{"--once"}, 2, false, "", "--config FILE is required"},
+      {{"--help"}, 0, false, "usage: intf-configd --config FILE", ""},
+   };
+   for (auto const & c : cases) {
+      std::string what;
+      for (auto const & a : c.args) what += a + " ";
+      SCOPED_TRACE(what);
+      Configd run(c.args);
+      EXPECT_EQ(run.exitStatus(), c.status);
+      if (c.wholeOut) {
+         EXPECT_EQ(run.stdout_.text, c.out);
+      } else {
+         EXPECT_NE(run.stdout_.text.find(c.out), std::string::npos) << run.stdout_.text;
+      }
+      EXPECT_NE(run.stderr_.text.find(c.err), std::string::npos) << run.stderr_.text;
+   }
+   struct stat st;
+   EXPECT_NE(::stat(sock.c_str(), &st), 0);  // refused before serving
+}
