@@ -2,6 +2,7 @@
 #include <Intf/GlobalIntfConfig.h>
 #include <Intf/IntfConfig.h>
 #include <Intf/IntfCounter.h>
+#include <Intf/IntfQueueCounter.h>
 #include <Intf/IntfStatus.h>
 #include <Intf/Startup.h>
 #include <Intf/Types.h>
@@ -37,7 +38,10 @@ void kelInitIntf() {
                        GlobalIntfConfig::_fwkType(), IntfNamespaceConfig::_fwkType(),
                        Bogon::_fwkType(), IntfCounter::_fwkType(), IntfAclDrops::_fwkType(),
                        IntfCounterDirBase::_fwkType(), IntfCounterDir::_fwkType(),
-                       IntfCounterDirDirBase::_fwkType(), AllIntfCounterDir::_fwkType()});
+                       IntfCounterDirDirBase::_fwkType(), AllIntfCounterDir::_fwkType(),
+                       IntfQueueStatistics::_fwkType(), IntfQueueCounter::_fwkType(),
+                       IntfQueueCounterDir::_fwkType(), AllIntfQueueCounterDir::_fwkType()});
+   Kel::describeTypes("Mavo", {Mavo::ShmemManager::_fwkType()});
    Kel::describeTypes("Zenet", {Zenet::NamespaceName::_fwkType()});
 }
 
@@ -50,6 +54,7 @@ void kelModuleIntf() {
                       Zenet::NamespaceName, IntfConfig, IntfStatus, IntfStatusLocal,
                       GlobalIntfConfig, IntfNamespaceConfig, Bogon, IntfCounter, IntfAclDrops,
                       IntfCounterDirBase, IntfCounterDir, IntfCounterDirDirBase,
-                      AllIntfCounterDir>();
+                      AllIntfCounterDir, Mavo::ShmemManager, IntfQueueStatistics,
+                      IntfQueueCounter, IntfQueueCounterDir, AllIntfQueueCounterDir>();
    kelInitIntf();
 }

@@ -1,4 +1,5 @@
 // Hand-written behaviour of the interface status.
+#include <Intf/Counter>
 #include <Intf/IntfStatus.h>
 
 namespace Interface {
@@ -29,12 +30,16 @@ Kel::Ptr<IntfAclDrops> IntfStatus::intfAclDrops() const {
    return intfAclDrops_ ? intfAclDrops_ : lookUpIntfAclDrops();
 }
 
-// The look-ups through the status directory's counter tree and the
-// shared-memory counter tables come with those tables; until then nothing
-// is found.
-Kel::Ptr<IntfCounter> IntfStatus::lookUpCounter() const { return nullptr; }
+Kel::Ptr<IntfCounter> IntfStatus::lookUpCounter() const {
+   return Intf::counterCommon<IntfCounter>(Kel::Ptr<IntfStatus const>(this));
+}
 
-Kel::Ptr<IntfAclDrops> IntfStatus::lookUpIntfAclDrops() const { return nullptr; }
+Kel::Ptr<IntfAclDrops> IntfStatus::lookUpIntfAclDrops() const {
+   // The ACL look-up asserts a path of at least two directories; a status
+   // outside any tree has no drop counters to find.
+   if (Kel::UriPath(fullName().view()).dirs() < 2) return nullptr;
+   return Intf::getIntfAclDrops<IntfAclDrops>(Kel::Ptr<IntfStatus const>(this));
+}
 
 Kel::Ptr<IntfStatus> intfStatusFactory(Zenet::IntfId intfId,
                                        Kel::Ptr<IntfConfig const> defaultConfig, uint32_t genId) {

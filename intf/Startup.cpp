@@ -17,6 +17,8 @@ struct Startup {
       Kel::registerTypes<Kel::Dir>();
       kelModuleIntfStatusDir();
       kelModuleIntf();
+      kelModuleSmashIntf();
+      kelModuleSmashIntfCounter();
       kelModuleIntfIntfId();
       kelModuleIntfDetailsProvider();
       kelModuleMovingAverage();

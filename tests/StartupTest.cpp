@@ -26,8 +26,8 @@ std::vector<std::string> lines(std::string const & text, std::string const & pre
 }
 
 const std::vector<std::string> moduleOrder = {
-    "IntfStatusDir", "Intf",           "IntfIntfId",           "IntfDetailsProvider",
-    "MovingAverage", "SyncMtu",        "CliSaveIntfConfigWalk", "IntfGroup"};
+    "IntfStatusDir", "Intf",    "SmashIntf",            "SmashIntfCounter", "IntfIntfId",
+    "IntfDetailsProvider", "MovingAverage", "SyncMtu", "CliSaveIntfConfigWalk", "IntfGroup"};
 
 } // namespace
 
@@ -35,7 +35,9 @@ TEST(Startup, ModulesRanInOrderAndTypesAreFindableByName) {
    EXPECT_EQ(lines(intfStartupReport(), "module "), moduleOrder);
    for (const char * name :
         {"Interface::IntfOperStatus", "Interface::LoadInterval", "Interface::IntfStatistics",
-         "Interface::IntfStatus::OperStatusChange", "Zenet::TestIntfId", "Zenet::GreTunnelIntfId"}) {
+         "Interface::IntfStatus::OperStatusChange", "Zenet::TestIntfId", "Zenet::GreTunnelIntfId",
+         "Smash::Interface::IntfCounter", "Smash::Interface::AllDropCounterDir",
+         "Interface::SmashIntfCounter", "Interface::IntfQueueStatistics", "Mavo::ShmemManager"}) {
       auto const * t = Kel::findType(name);
       ASSERT_TRUE(t) << name;
       EXPECT_TRUE(t->registered());

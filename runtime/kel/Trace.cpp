@@ -1,5 +1,7 @@
 #include <Kel/Trace.h>
 
+#include <cxxabi.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -61,6 +63,21 @@ void traceSinkIs(TraceSink sink) {
    TraceState & s = state();
    std::lock_guard<std::mutex> g(s.mutex);
    s.sink = std::move(sink);
+}
+
+void traceHelper(TraceFacility const & f, int level, const char * file, int line,
+                 const char * function, String8 const & msg) {
+   f.trace(level, String8(file) + ":" + String8(std::to_string(line)) + " " + function + ": " + msg);
+}
+
+String8 demangledTypeName(const char * mangled) {
+   if (!mangled || !*mangled) return unknownName;
+   int status = 0;
+   char * d = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+   if (status != 0 || !d) return unknownName;
+   String8 r(d);
+   std::free(d);
+   return r;
 }
 
 } // namespace Kel

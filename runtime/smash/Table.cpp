@@ -438,12 +438,12 @@ void TableWriter::publish(void const * key) {
    h->ringHead.store(head + 1, std::memory_order_release);
 }
 
-void TableWriter::put(void const * key, void const * value) {
+void TableWriter::put(void const * key, void const * value, bool announce) {
    uint64_t freeSlot;
    auto [i, found] = probe(*gen_, key, &freeSlot);
    if (found) {
       writeSlot(*gen_, i, live, key, value);
-      publish(key);
+      if (announce) publish(key);
       return;
    }
    GenHeader * h = gen_->header();
@@ -452,16 +452,16 @@ void TableWriter::put(void const * key, void const * value) {
       uint32_t cap = gen_->capacity;
       while (uint64_t(count + 1) * 4 > cap && cap < maxCapacity) cap *= 2;
       grow(cap);
-      return put(key, value);
+      return put(key, value, announce);
    }
    bool reused = __atomic_load_n(reinterpret_cast<uint32_t *>(gen_->slot(freeSlot) + 4), __ATOMIC_RELAXED) == tombstone;
    writeSlot(*gen_, freeSlot, live, key, value);
    if (reused) --tombstones_;
    h->count.store(count + 1, std::memory_order_relaxed);
-   publish(key);
+   if (announce) publish(key);
 }
 
-bool TableWriter::remove(void const * key) {
+bool TableWriter::remove(void const * key, bool announce) {
    uint64_t freeSlot;
    auto [i, found] = probe(*gen_, key, &freeSlot);
    if (!found) return false;
@@ -469,7 +469,7 @@ bool TableWriter::remove(void const * key) {
    ++tombstones_;
    GenHeader * h = gen_->header();
    h->count.store(h->count.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
-   publish(key);
+   if (announce) publish(key);
    return true;
 }
 

@@ -10,8 +10,8 @@
 namespace Interface {
 
 #define KEL_ATTRS_IntfCounter(X)                                                      \
-   X(Scalar, statistics, Statistics, Interface::IntfStatistics, {})                   \
-   X(Scalar, rates, Rates, Interface::IntfRates, {})                                  \
+   X(VScalar, statistics, Statistics, Interface::IntfStatistics, {})                  \
+   X(VScalar, rates, Rates, Interface::IntfRates, {})                                 \
    X(Scalar, counterUpdateReqTime, CounterUpdateReqTime, double, 0.0)                 \
    X(Scalar, counterRefreshTime, CounterRefreshTime, double, 0.0)                     \
    X(Scalar, genId, GenId, uint32_t, 0)                                               \
@@ -22,8 +22,9 @@ class IntfCounter : public Kel::Entity {
    explicit IntfCounter(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
 
-// ACL drops of one interface.
-#define KEL_ATTRS_IntfAclDrops(X) X(Scalar, inAclDrops, InAclDrops, uint64_t, 0)
+// ACL drops of one interface. The counters' readers are virtual so that an
+// adapter over a shared-memory row can stand in for the entity.
+#define KEL_ATTRS_IntfAclDrops(X) X(VScalar, inAclDrops, InAclDrops, uint64_t, 0)
 class IntfAclDrops : public Kel::Entity {
    KEL_ENTITY(IntfAclDrops, Kel::Entity, "Interface::IntfAclDrops", KEL_ATTRS_IntfAclDrops)
  public:

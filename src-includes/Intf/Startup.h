@@ -6,6 +6,8 @@
 
 void kelModuleIntfStatusDir();  // configuration and status directories
 void kelModuleIntf();           // records, configuration, status and counter entities
+void kelModuleSmashIntf();      // shared-memory counter rows and table directories
+void kelModuleSmashIntfCounter();  // adapters presenting table rows as counters
 void kelModuleIntfIntfId();     // typed identifier views
 void kelModuleIntfDetailsProvider();  // per-kind interface details registry (no types)
 void kelModuleMovingAverage();  // rates (no types)

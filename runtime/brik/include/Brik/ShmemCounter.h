@@ -86,3 +86,36 @@ void shmemCounterValIs(T * counter, V const & value, uint32_t s) {
 }
 
 } // namespace Brik
+
+// ---- the Cell row kind of the entity pattern ------------------------------------------------
+// X(Cell, name, Name, slot): a 64-bit counter at `slot` of the entity's cell.
+// The reader is shmemCounterVal and the mutator shmemCounterValIs with that
+// slot; the entity type provides counterAddr(bool forRead). Counters change
+// at line rate and every process maps the cell itself, so a Cell is neither
+// announced nor replicated; reflection reads and writes it.
+#define KEL_EA_CTORF_IF_Cell(...)
+#define KEL_EA_CB_Cell(Name, ...)
+#define KEL_EA_CHILD_Cell(name)
+#define KEL_EA_HAS_Cell(name)
+#define KEL_EA_EACH_Cell(name)
+#define KEL_EA_DETACH_Cell(name)
+#define KEL_EA_STORE_Cell(...)
+#define KEL_EA_MEMBER_Cell(...)
+#define KEL_EA_DESC_Cell(an, Name, slot)                                              \
+   {                                                                                  \
+      ::Kel::AttrDesc d;                                                              \
+      KEL_EA_DESC_HEAD_(an, Cell, ::Kel::attrWritable, uint64_t)                      \
+      d.get = [](void const * o) { return ::Kel::toGeneric(uint64_t(KEL_EA_SELF_->an())); }; \
+      d.set = [](void * o, ::Kel::GenericIf const & v) {                              \
+         KEL_EA_MSELF_->an##Is(::Kel::fromGeneric<uint64_t>(v, #an));                 \
+      };                                                                              \
+      v.push_back(d);                                                                 \
+   }
+#define KEL_EA_API_Cell(name, Name, slot)                                             \
+   static constexpr uint32_t name##Slot = slot;                                       \
+   unsigned long long name() const {                                                  \
+      return ::Brik::shmemCounterVal<KelSelf, unsigned long long>(this, slot);        \
+   }                                                                                  \
+   void name##Is(unsigned long long const & v) {                                      \
+      ::Brik::shmemCounterValIs<KelSelf, unsigned long long>(this, v, slot);          \
+   }

@@ -41,6 +41,14 @@
 //   Derived   (name, Name, Type)                    hand-written accessor; identifier and table entry only
 //   Const     (name, Name, Type, value)             constant accessor
 //   Hook      (name, Name)                          an operation listed among the attributes
+//   VScalar   (name, Name, Type, default)           a Scalar whose reader is virtual and returns
+//                                                   a copy, so that an adapter can present it
+//   Memo      (name, Name, Type, default)           process-local bookkeeping: const xIs, not
+//                                                   replicated, no notification
+//   Mutable   (name, Name, Type, default)           a Scalar set through a const handle (state a
+//                                                   reader's look-up records), replicated
+// Row kinds whose values live outside the entity are defined with their
+// storage: Cell (Brik/ShmemCounter.h), Table (Smash/TableColl.h).
 #pragma once
 
 #include <Kel/Entity.h>
@@ -204,12 +212,14 @@ void checkReinstantiate(T const & child, A const &... args) {
    constexpr auto ctor = T::kelCtorFields();
    // A child with no constructor rows of its own (it is made from its
    // name) has nothing to compare.
-   static_assert(sizeof...(A) == 0 || sizeof...(A) + 1 <= std::tuple_size_v<decltype(ctor)>,
+   // The key is the first Ctor row, or the name when every row follows it.
+   constexpr size_t skip = sizeof...(A) == std::tuple_size_v<decltype(ctor)> ? 0 : 1;
+   static_assert(sizeof...(A) == 0 || sizeof...(A) + skip <= std::tuple_size_v<decltype(ctor)>,
                  "more constructor arguments than constructor parameters");
    auto given = std::forward_as_tuple(args...);
    [&]<size_t... I>(std::index_sequence<I...>) {
       (([&] {
-          auto const & f = std::get<I + 1>(ctor);
+          auto const & f = std::get<I + skip>(ctor);
           auto const & cur = child.*(f.member);
           auto const & nv = std::get<I>(given);
           if (!(cur == nv)) {
@@ -901,3 +911,5 @@ void checkReinstantiate(T const & child, A const &... args) {
                                                                                       \
  public:                                                                              \
    ATTRS(KEL_EA_API_)
+
+#include <Kel/AttrValueKinds.h>

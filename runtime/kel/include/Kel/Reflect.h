@@ -182,6 +182,20 @@ class CollGenericIterator : public GenericIterator {
    AttrDesc const * desc_;
 };
 
+// Whether E is made from its name followed by its Ctor rows (and not from
+// the rows alone): then the name travels before the rows.
+template <class E, size_t... I>
+constexpr bool namedCtorOf(std::index_sequence<I...>) {
+   constexpr auto c = E::kelCtorFields();
+   using Args = std::tuple<std::remove_const_t<typename std::decay_t<decltype(std::get<I>(c))>::Type>...>;
+   return sizeof...(I) > 0 && !std::is_constructible_v<E, std::tuple_element_t<I, Args>...> &&
+          std::is_constructible_v<E, Name, std::tuple_element_t<I, Args>...>;
+}
+template <class E>
+constexpr bool namedCtor() {
+   return namedCtorOf<E>(std::make_index_sequence<std::tuple_size_v<decltype(E::kelCtorFields())>>{});
+}
+
 // The constructor arguments of an entity type, and its factory from a
 // generic list of them: the Ctor rows in order, or the name alone.
 template <class E, size_t... I>
@@ -204,6 +218,24 @@ void entityFactories(KelType * t, std::index_sequence<I...>) {
          return Kel::Ptr<Entity>(new E(fromGeneric<std::remove_const_t<
                                            typename std::decay_t<decltype(std::get<I>(c))>::Type>>(
              *list->items()[I], std::get<I>(c).name)...));
+      };
+   } else if constexpr (sizeof...(I) > 0 &&
+                        std::is_constructible_v<
+                            E, Name, std::remove_const_t<typename std::decay_t<
+                                         decltype(std::get<I>(ctor))>::Type>...>) {
+      // A constructor that takes the name before the Ctor rows.
+      t->ctorArgNames_.insert(t->ctorArgNames_.begin(), "name");
+      t->ctorArgTypes_.insert(t->ctorArgTypes_.begin(), typeOf<String8>());
+      t->newEntity = [](GenericIf const & args) -> Kel::Ptr<Entity> {
+         auto const * list = dynamic_cast<GenericIf::List const *>(&args);
+         constexpr auto c = E::kelCtorFields();
+         if (!list || list->items().size() != sizeof...(I) + 1) {
+            GenericIf::throwUnknownArgException(E::kelTypeName);
+         }
+         return Kel::Ptr<Entity>(new E(Name(fromGeneric<String8>(*list->items()[0], "name")),
+                                       fromGeneric<std::remove_const_t<
+                                           typename std::decay_t<decltype(std::get<I>(c))>::Type>>(
+                                           *list->items()[I + 1], std::get<I>(c).name)...));
       };
    } else if constexpr (sizeof...(I) == 0 && std::is_constructible_v<E, Name>) {
       t->newEntity = [](GenericIf const & args) -> Kel::Ptr<Entity> {
@@ -237,6 +269,7 @@ KelType const * makeEntityType() {
    if constexpr (std::tuple_size_v<decltype(ctor)> > 0) {
       t->logWriteCtor = [](Entity const * e, NboAttrLog::Out & out, NboAttrLog::RefCodec * rc) {
          E const * self = static_cast<E const *>(e);
+         if constexpr (namedCtor<E>()) out.putString(e->name().view());
          std::apply(
              [&](auto const &... f) {
                 (NboAttrLog::Nbo<std::remove_const_t<typename std::decay_t<decltype(f)>::Type>>::
@@ -249,10 +282,14 @@ KelType const * makeEntityType() {
          return [&]<size_t... I>(std::index_sequence<I...>) -> Kel::Ptr<Entity> {
             constexpr auto c = E::kelCtorFields();
             // Arguments are read in order, before construction.
+            [[maybe_unused]] Name name;
+            if constexpr (namedCtor<E>()) name = Name(in.nextString());
             std::tuple<std::remove_const_t<typename std::decay_t<decltype(std::get<I>(c))>::Type>...>
                 args{NboAttrLog::Nbo<std::remove_const_t<
                     typename std::decay_t<decltype(std::get<I>(c))>::Type>>::read(in, rc)...};
-            if constexpr (std::is_constructible_v<E, decltype(std::get<I>(args))...>) {
+            if constexpr (namedCtor<E>()) {
+               return Kel::Ptr<Entity>(new E(name, std::get<I>(args)...));
+            } else if constexpr (std::is_constructible_v<E, decltype(std::get<I>(args))...>) {
                return Kel::Ptr<Entity>(new E(std::get<I>(args)...));
             } else {
                throwRangeException(String8("cannot construct ") + E::kelTypeName);

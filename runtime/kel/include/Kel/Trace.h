@@ -27,6 +27,17 @@ class TraceFacility {
 
 // Enables every facility whose name is `name` (or all, for "*") up to `level`.
 void traceLevelIs(const char * name, int level);
+// A message of hand-written code that names where it comes from: the text
+// is "<file>:<line> <function>: <msg>". Use through KEL_TRACE_AT, which
+// formats nothing unless the level is enabled.
+void traceHelper(TraceFacility const & f, int level, const char * file, int line,
+                 const char * function, String8 const & msg);
+// The stand-in for a name that cannot be produced.
+inline constexpr const char * unknownName = "<unknown>";
+// The readable name of a C++ type as the compiler records it
+// (typeid(x).name() demangled), or "<unknown>".
+String8 demangledTypeName(const char * mangled);
+
 // Receives every message that is traced: facility, level, text.
 using TraceSink = std::function<void(const char *, int, String8 const &)>;
 void traceSinkIs(TraceSink sink);
@@ -37,4 +48,10 @@ void traceSinkIs(TraceSink sink);
 #define KEL_TRACE(facility, level, msg)                                              \
    do {                                                                              \
       if ((facility).enabled(level)) (facility).trace(level, (msg));                 \
+   } while (0)
+
+#define KEL_TRACE_AT(facility, level, file, line, function, msg)                     \
+   do {                                                                              \
+      if ((facility).enabled(level))                                                 \
+         ::Kel::traceHelper((facility), (level), (file), (line), (function), (msg)); \
    } while (0)

@@ -34,7 +34,10 @@ class KelType;
 // The kinds of attribute rows (see Attr.h).
 enum class AttrKind : uint8_t {
    Ctor, Scalar, Ptr, WriteOnce, Local, Cache, InstChild, Coll, EntColl, RefColl, InstColl,
-   Derived, Const, Hook
+   Derived, Const, Hook,
+   VScalar, Memo, Mutable,  // Kel/AttrValueKinds.h
+   Cell,                    // Brik/ShmemCounter.h: a counter in a shared-memory cell
+   Table                    // Smash/TableColl.h: rows of a shared-memory table
 };
 
 // Attribute flags, as the introspection walk reports them.

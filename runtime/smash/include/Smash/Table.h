@@ -91,10 +91,13 @@ class TableWriter {
    TableWriter(TableWriter const &) = delete;
    TableWriter & operator=(TableWriter const &) = delete;
 
-   // Inserts or replaces the row of `key`.
-   void put(void const * key, void const * value);
+   // Inserts or replaces the row of `key`; shadows hear of it through the
+   // change ring unless `announce` is false (see announce()).
+   void put(void const * key, void const * value, bool announce = true);
    // True when there was a row.
-   bool remove(void const * key);
+   bool remove(void const * key, bool announce = true);
+   // Tells shadows that the row of `key` changed (or went).
+   void announce(void const * key) { publish(key); }
    void clear();
    Found find(void const * key, void * value) const;
    // Every live row, in slot order.
