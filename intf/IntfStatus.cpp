@@ -31,6 +31,10 @@ Kel::Ptr<IntfAclDrops> IntfStatus::intfAclDrops() const {
 }
 
 Kel::Ptr<IntfCounter> IntfStatus::lookUpCounter() const {
+   // The look-up requires a status directory; a status kept elsewhere (an
+   // aggregate directory, no parent) has no counters to find.
+   auto const * p = parentRaw();
+   if (p && !dynamic_cast<IntfStatusDirBase const *>(p)) return nullptr;
    return Intf::counterCommon<IntfCounter>(Kel::Ptr<IntfStatus const>(this));
 }
 
@@ -38,6 +42,8 @@ Kel::Ptr<IntfAclDrops> IntfStatus::lookUpIntfAclDrops() const {
    // The ACL look-up asserts a path of at least two directories; a status
    // outside any tree has no drop counters to find.
    if (Kel::UriPath(fullName().view()).dirs() < 2) return nullptr;
+   auto const * p = parentRaw();
+   if (p && !dynamic_cast<IntfStatusDirBase const *>(p)) return nullptr;
    return Intf::getIntfAclDrops<IntfAclDrops>(Kel::Ptr<IntfStatus const>(this));
 }
 

@@ -8,6 +8,9 @@
 #include <Intf/IntfCounter.h>
 #include <Intf/SmashIntf.h>
 
+#include <map>
+#include <string>
+
 namespace Interface {
 
 #define KEL_ATTRS_SmashIntfCounter(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
@@ -56,6 +59,51 @@ class SmashAclDropCounter : public IntfAclDrops {
 
  private:
    DirPtr dir_;
+};
+
+// The two directory levels of the counter tree over a counter table, so
+// that the general counter look-up (counter/<kind>/<dir>) finds table rows
+// the way it finds counter entities. The directory of directories names
+// its table by path (replicated: a reader that mounts it opens the same
+// table as a reader); the per-interface directories and their "current"
+// adapters are made on first request and kept.
+#define KEL_ATTRS_SmashIntfCounterDir(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
+class SmashIntfCounterDir : public IntfCounterDirBase {
+   KEL_ENTITY(SmashIntfCounterDir, IntfCounterDirBase, "Interface::SmashIntfCounterDir",
+              KEL_ATTRS_SmashIntfCounterDir)
+ public:
+   SmashIntfCounterDir(Zenet::IntfId intfId, SmashIntfCounter::DirPtr const & table)
+         : IntfCounterDirBase(intfId), intfId_(intfId),
+           current_(SmashIntfCounter::SmashIntfCounterIs("current", intfId, table)) {}
+   explicit SmashIntfCounterDir(Zenet::IntfId intfId) : SmashIntfCounterDir(intfId, {}) {}
+   void doGetIntfCounter(Kel::String8 name, IntfCounter ** const & out) override {
+      *out = name == "current" ? current_.ptr() : nullptr;
+   }
+   SmashIntfCounter::Ptr const & current() const { return current_; }
+
+ private:
+   SmashIntfCounter::Ptr current_;
+};
+
+#define KEL_ATTRS_SmashIntfCounterDirDir(X)                                           \
+   X(Scalar, tablePath, TablePath, Kel::String8, {})
+class SmashIntfCounterDirDir : public IntfCounterDirDirBase {
+   KEL_ENTITY(SmashIntfCounterDirDir, IntfCounterDirDirBase, "Interface::SmashIntfCounterDirDir",
+              KEL_ATTRS_SmashIntfCounterDirDir)
+ public:
+   explicit SmashIntfCounterDirDir(Kel::Name name) : IntfCounterDirDirBase(std::move(name)) {}
+   // The directory of an interface that has a row in the table, else null.
+   void doGetIntfCounterDir(Zenet::IntfId intfId, IntfCounterDirBase ** const & out) override;
+   // The table directory this process reads (or, for the owner, writes
+   // through: see tableIs).
+   Kel::Ptr<Smash::Interface::AllIntfCounterDir> table() const;
+   // The owner's own table directory, already opened in its role.
+   void tableIs(Kel::Ptr<Smash::Interface::AllIntfCounterDir> const & t);
+
+ private:
+   mutable Kel::Ptr<Smash::Interface::AllIntfCounterDir> table_;
+   mutable std::string openedPath_;
+   std::map<Zenet::IntfId, SmashIntfCounterDir::Ptr> dirs_;
 };
 
 } // namespace Interface
