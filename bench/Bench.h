@@ -44,6 +44,7 @@ void registerRatesBenches();
 void registerReplicationBenches();
 void registerScaleBenches();
 void registerShmBenches();
+void registerCounterBenches();
 
 } // namespace IntfBench
 

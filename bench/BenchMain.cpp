@@ -164,6 +164,7 @@ int main(int argc, char ** argv) {
    registerReplicationBenches();
    registerScaleBenches();
    registerShmBenches();
+   registerCounterBenches();
 
    Collector collector;
    benchmark::RunSpecifiedBenchmarks(&collector);

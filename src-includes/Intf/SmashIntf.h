@@ -5,6 +5,11 @@
 // Smash/TableColl.h for the operations and the roles); a process chooses
 // its role with counterOpen() before the first use, or reads.
 //
+// Each directory's tablePath names its table (replicated: a reader that
+// mounts the directory opens the owner's table wherever it mounts it); an
+// empty one stands for the directory's full name. A writer sets it, then
+// opens: dir->tablePathIs(p); dir->counterOpen(Smash::Role::writer).
+//
 // Default mount paths (where agents put the directories; readers find them
 // there): "Smash/interface/counter/subintf", "Smash/interface/counter/vlan",
 // "Smash/interface/counter/snapshot" and, for ACL drops,
@@ -16,6 +21,10 @@
 #include <Smash/TableColl.h>
 
 namespace Smash::Interface {
+
+inline std::string kelTablePathOf(Kel::Entity const & e, Kel::String8 const & p) {
+   return p.view().empty() ? e.fullName().str() : p.str();
+}
 
 #define KEL_FIELDS_SmashIntfCounter(F)                                                \
    F(Field, key, Zenet::IntfId, {})                                                   \
@@ -39,33 +48,39 @@ static_assert(std::is_trivially_copyable_v<IntfCounter> && std::is_trivially_cop
 
 // Interface counters of one kind.
 #define KEL_ATTRS_SmashAllIntfCounterDir(X)                                           \
+   X(Scalar, tablePath, TablePath, Kel::String8, {})                                  \
    X(Table, counter, Counter, Zenet::IntfId, Smash::Interface::IntfCounter)
 class AllIntfCounterDir : public Kel::Entity {
    KEL_ENTITY(AllIntfCounterDir, Kel::Entity, "Smash::Interface::AllIntfCounterDir",
               KEL_ATTRS_SmashAllIntfCounterDir)
  public:
    explicit AllIntfCounterDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
+   std::string kelTablePath() const { return kelTablePathOf(*this, tablePath()); }
 };
 
 // ACL drop counts.
 #define KEL_ATTRS_SmashAllDropCounterDir(X)                                           \
+   X(Scalar, tablePath, TablePath, Kel::String8, {})                                  \
    X(Table, counter, Counter, Zenet::IntfId, Smash::Interface::DropCounter)
 class AllDropCounterDir : public Kel::Entity {
    KEL_ENTITY(AllDropCounterDir, Kel::Entity, "Smash::Interface::AllDropCounterDir",
               KEL_ATTRS_SmashAllDropCounterDir)
  public:
    explicit AllDropCounterDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
+   std::string kelTablePath() const { return kelTablePathOf(*this, tablePath()); }
 };
 
 // Interface counters as they were when an operator cleared them: show
 // commands subtract a snapshot from the live counters.
-#define KEL_ATTRS_SmashAllIntfCounterSnapshotDir(X)                                   \
+#define KEL_ATTRS_SmashAllIntfCounterSnapshotDir(X)                                           \
+   X(Scalar, tablePath, TablePath, Kel::String8, {})                                  \
    X(Table, counterSnapshot, CounterSnapshot, Zenet::IntfId, Smash::Interface::IntfCounter)
 class AllIntfCounterSnapshotDir : public Kel::Entity {
    KEL_ENTITY(AllIntfCounterSnapshotDir, Kel::Entity, "Smash::Interface::AllIntfCounterSnapshotDir",
               KEL_ATTRS_SmashAllIntfCounterSnapshotDir)
  public:
    explicit AllIntfCounterSnapshotDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
+   std::string kelTablePath() const { return kelTablePathOf(*this, tablePath()); }
 };
 
 } // namespace Smash::Interface

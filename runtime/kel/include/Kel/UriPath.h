@@ -1,5 +1,7 @@
 // An entity's full path split into its components: the directories from
-// the root down, then the entity's own name.
+// the root down, then the entity's own name. An absolute path's first
+// component is the root itself (named ""), so component 1 is the top-level
+// tree the entity belongs to.
 #pragma once
 
 #include <Kel/String8.h>
@@ -12,6 +14,10 @@ namespace Kel {
 class UriPath {
  public:
    explicit UriPath(std::string_view fullName) {
+      if (!fullName.empty() && fullName[0] == '/') {
+         parts_.emplace_back();
+         fullName.remove_prefix(1);
+      }
       while (!fullName.empty()) {
          size_t slash = fullName.find('/');
          std::string_view part = fullName.substr(0, slash);

@@ -16,12 +16,14 @@
 //   counterNotifyCollection() tells this process's reactors of every row
 //   counterPoll()             shadow: hands the keys the writer committed since the
 //                             last poll to this process's onCounter(key) reactors
+//                             (the first poll, and one after falling behind,
+//                             reports every row)
 //   counterSize(), counterForEach(fn)
 //   counterOpen(role, path, capacity)
 //                             chooses the role once, before the first use; without
-//                             it the table is opened as a reader at the entity's
-//                             full name (so processes that mount the directory at
-//                             the same place share the table)
+//                             it the table is opened as a reader. Without a path,
+//                             the entity's kelTablePath() names the table (the
+//                             entity type provides it).
 // Rows are not replicated through the attribute log: every process maps the
 // table itself. Only the role's operations work: a write through a reader
 // or shadow throws Smash::Error.
@@ -166,7 +168,7 @@ class TableColl {
 #define KEL_EA_API_Table(name, Name, Key, Row)                                        \
    void name##Open(::Smash::Role role, std::string path = {},                         \
                    uint32_t capacity = ::Smash::TableColl<Key, Row>::defaultCapacity) const { \
-      if (path.empty()) path = std::string(fullName().view());                        \
+      if (path.empty()) path = kelTablePath();                                        \
       name##_.open(role, std::move(path), Row::kelTypeName, capacity);                \
    }                                                                                  \
    ::Smash::TableColl<Key, Row> & name##Table() const {                               \

@@ -1,0 +1,302 @@
+// Queue counters whose values live in shared-memory cells: the entities'
+// Cell rows, the place of the cell in the tree, the generation rules, and a
+// reader in another process that mounts the writer's counters.
+#include "Pipe.h"
+#include "ShmTestPrefix.h"
+
+#include <Intf/IntfQueueCounter.h>
+#include <Kel/Agent.h>
+#include <Kel/Dir.h>
+#include <Kel/Exception.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <chrono>
+
+namespace {
+
+using namespace Interface;
+
+Zenet::IntfId eth(int n) { return Zenet::IntfId(std::string_view("Ethernet" + std::to_string(n))); }
+
+// Every level 9 message of the cell code, for one test.
+struct CellTrace {
+   CellTrace() {
+      Kel::traceLevelIs("Brik::ShmemCounter", 9);
+      Kel::traceSinkIs([this](const char * fac, int, Kel::String8 const & s) {
+         if (std::string_view(fac) == "Brik::ShmemCounter") text += s.str() + "\n";
+      });
+   }
+   ~CellTrace() {
+      Kel::traceSinkIs(nullptr);
+      Kel::traceLevelIs("Brik::ShmemCounter", 0);
+   }
+   bool has(std::string const & piece) const { return text.find(piece) != std::string::npos; }
+   std::string text;
+};
+
+struct Cells : ShmTestPrefix {
+   explicit Cells(std::string p) : path(std::move(p)) { clean(); }
+   ~Cells() { clean(); }
+   void clean() {
+      Mavo::ShmemMan::remove(path + "/counters");
+      Mavo::ShmemMan::remove(path + "/statistics");
+   }
+   // A counter tree whose managers are this process's own (a writer) or,
+   // marked as another process's, readers.
+   Kel::Ptr<AllIntfQueueCounterDir> tree(bool writer) {
+      auto all = Kel::makePtr<AllIntfQueueCounterDir>("queueCounters");
+      auto c = all->counterShmemManIs("counterShmemMan", path + "/counters", 208u);
+      auto s = all->statisticsShmemManIs("statisticsShmemMan", path + "/statistics", 208u);
+      if (!writer) {
+         c->kelReadOnlyProxyIs(Kel::String8("writer"));
+         s->kelReadOnlyProxyIs(Kel::String8("writer"));
+      }
+      return all;
+   }
+   std::string path;
+};
+
+Kel::Ptr<IntfQueueStatistics> queueOf(Kel::Ptr<AllIntfQueueCounterDir> const & all, int intf,
+                                      unsigned char q) {
+   return all->intfQueueCounterDirIs(eth(intf))->intfQueueCounterIs("current")->queuesIs(q, PktType::uc);
+}
+
+} // namespace
+
+TEST(QueueCounter, QueueIdsAbove17AreRefusedBeforeTheQueueJoinsItsCounter) {
+   auto c = Kel::makePtr<IntfQueueCounter>("current");
+   EXPECT_EQ(c->queuesIs(17, PktType::mc)->queueId(), 17);
+   EXPECT_EQ(c->queuesIs(17, PktType::mc)->name(), Kel::Name("17-mc"));
+   for (unsigned char q : {18, 200, 255}) {
+      try {
+         c->queuesIs(q, PktType::uc);
+         ADD_FAILURE() << "queue " << int(q) << " was accepted";
+      } catch (Kel::Exception const & e) {
+         EXPECT_EQ(e.message(), Kel::String8("IntfQueueStatistics::queueId < 0 or > Expr @Intf:498 not allowed"));
+      }
+   }
+   EXPECT_EQ(c->queuesSize(), 1u);
+}
+
+TEST(QueueCounter, AReaderTrustsACellOnlyInTheGenerationItHasSeen) {
+   Cells cells("test/qc-gen");
+   auto readerTree = cells.tree(false);
+   auto reader = queueOf(readerTree, 1, 3);
+   CellTrace trace;
+   // No cell yet: reads are 0.
+   EXPECT_EQ(reader->pkts(), 0u);
+
+   auto writerTree = cells.tree(true);
+   auto writer = queueOf(writerTree, 1, 3);
+   writer->pktsIs(5);
+   EXPECT_EQ(writer->counterGenId(), 1u);
+   EXPECT_TRUE(trace.has("sync counterGenId to be 1")) << trace.text;
+   EXPECT_TRUE(trace.has("key: Ethernet1-current-3-uc")) << trace.text;
+   EXPECT_EQ(writer->pkts(), 5u);
+
+   // The reader has seen no generation yet.
+   EXPECT_EQ(reader->pkts(), 0u);
+   EXPECT_TRUE(trace.has("genId mismatched! shmemGenId=1 counterGenId()=0")) << trace.text;
+   reader->counterGenIdIs(1);
+   EXPECT_EQ(reader->pkts(), 5u);
+
+   // The writer starts a new generation: the reader reads 0 until it has
+   // caught up, then the new values.
+   writer->counterGenIdIs(6);
+   writer->pktsIs(9);
+   EXPECT_EQ(writer->counterGenId(), 7u);
+   EXPECT_EQ(reader->pkts(), 0u);
+   reader->counterGenIdIs(7);
+   EXPECT_EQ(reader->pkts(), 9u);
+
+   // After the last generation number comes 1, never 0.
+   writer->counterGenIdIs(0xffffffffu);
+   writer->bytesIs(11);
+   EXPECT_EQ(writer->counterGenId(), 1u);
+
+   // Each counter has its own slot of the cell.
+   writer->bytesIs(1);
+   writer->pktsIs(2);
+   writer->bytesDroppedIs(3);
+   writer->pktsDroppedIs(4);
+   EXPECT_EQ(writer->bytes() * 1000 + writer->pkts() * 100 + writer->bytesDropped() * 10 + writer->pktsDropped(),
+             1234u);
+   auto counter = writerTree->intfQueueCounterDir(eth(1))->intfQueueCounter("current");
+   counter->inDroppedPktsIs(70);
+   counter->inDroppedBytesIs(80);
+   EXPECT_EQ(counter->inDroppedPkts() + counter->inDroppedBytes(), 150u);
+   EXPECT_EQ(writer->pkts(), 2u) << "the interface's cell is not the queue's";
+}
+
+TEST(QueueCounter, ACounterOutOfPlaceHasNoCellReadsZeroAndDropsWrites) {
+   Cells cells("test/qc-place");
+   struct Case {
+      const char * name;
+      std::function<Kel::Ptr<Kel::Entity>(std::vector<Kel::Ptr<Kel::Entity>> &)> make;
+      const char * piece;
+   };
+   std::vector<Case> cases = {
+       {"an orphaned queue", [](auto &) { return Kel::makePtr<IntfQueueStatistics>("0-uc", 0, PktType::uc); },
+        " counter is orphaned! Counter path: 0-uc"},
+       {"an orphaned counter", [](auto &) { return Kel::makePtr<IntfQueueCounter>("current"); },
+        " counter is orphaned! Counter path: current"},
+       {"a queue in a plain directory",
+        [](auto & keep) {
+           auto d = Kel::makePtr<Kel::Dir>("d");
+           keep.push_back(d);
+           auto q = Kel::makePtr<IntfQueueStatistics>("0-uc", 0, PktType::uc);
+           d->entryIs(q);
+           return Kel::Ptr<Kel::Entity>(q);
+        },
+        " parent is not IntfQueueCounter! Counter path: d/0-uc"},
+       {"a counter in a plain directory",
+        [](auto & keep) {
+           auto d = Kel::makePtr<Kel::Dir>("d");
+           keep.push_back(d);
+           auto c = Kel::makePtr<IntfQueueCounter>("current");
+           d->entryIs(c);
+           return Kel::Ptr<Kel::Entity>(c);
+        },
+        " queueCounters parent is not IntfQueueCounterDir! Counter path: d/current"},
+       {"a queue of a counter outside a directory",
+        [](auto & keep) {
+           auto c = Kel::makePtr<IntfQueueCounter>("current");
+           keep.push_back(c);
+           return Kel::Ptr<Kel::Entity>(c->queuesIs(0, PktType::uc));
+        },
+        " grandparent is null. Counter path: current/0-uc"},
+       {"a counter directory outside the top directory",
+        [](auto & keep) {
+           auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
+           keep.push_back(d);
+           return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current"));
+        },
+        " grandparent is null. Counter path: Ethernet1/current"},
+       {"a counter directory in a plain directory",
+        [](auto & keep) {
+           auto top = Kel::makePtr<Kel::Dir>("top");
+           keep.push_back(top);
+           auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
+           top->entryIs(d);
+           return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current"));
+        },
+        " grandparent is not AllEthIntfCounterDir! Counter path: top/Ethernet1/current"},
+       {"a queue whose counter directory is in a plain directory",
+        [](auto & keep) {
+           auto top = Kel::makePtr<Kel::Dir>("top");
+           keep.push_back(top);
+           auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
+           top->entryIs(d);
+           return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current")->queuesIs(1, PktType::mc));
+        },
+        " greatgrandparent is not AllEthIntfCounterDir! Counter path: top/Ethernet1/current/1-mc"},
+   };
+   for (auto const & c : cases) {
+      SCOPED_TRACE(c.name);
+      std::vector<Kel::Ptr<Kel::Entity>> keep;
+      auto e = c.make(keep);
+      CellTrace trace;
+      if (auto * q = dynamic_cast<IntfQueueStatistics *>(e.ptr())) {
+         q->bytesIs(5);
+         EXPECT_EQ(q->bytes(), 0u);
+         EXPECT_EQ(q->counterAddr(true), 0u);
+      } else {
+         auto * qc = dynamic_cast<IntfQueueCounter *>(e.ptr());
+         qc->inDroppedPktsIs(5);
+         EXPECT_EQ(qc->inDroppedPkts(), 0u);
+      }
+      EXPECT_TRUE(trace.has(c.piece)) << trace.text;
+      EXPECT_TRUE(trace.has(" null shmemPtr.")) << trace.text;
+   }
+}
+
+TEST(QueueCounter, CellCountersReadAndWriteByNameAndAreNotReplicatedAsAttributes) {
+   Cells cells("test/qc-reflect");
+   auto tree = cells.tree(true);
+   auto q = queueOf(tree, 2, 0);
+   IntfQueueStatistics::GenericIf_ g(q);
+   g.attributeIs("pkts", Kel::toGeneric(uint64_t(42)));
+   EXPECT_EQ(q->pkts(), 42u);
+   EXPECT_EQ(Kel::fromGeneric<uint64_t>(*g.attribute("pkts"), "pkts"), 42u);
+   auto const * t = IntfQueueStatistics::_fwkType();
+   EXPECT_FALSE(t->attribute("pkts")->replicated());
+   EXPECT_FALSE(t->attribute("shmemAddr")->replicated()) << "an address means nothing in another process";
+   EXPECT_TRUE(t->attribute("counterGenId")->replicated());
+}
+
+// A writer process serves its counters; this process mounts them and reads
+// the cells through the mounted entities.
+TEST(QueueCounter, AMountedReaderFollowsTheWritersGenerationsAndKeepsValuesAfterItDies) {
+   Cells cells("test/qc-procs");
+   std::string sock = "@intf-test-qc-" + std::to_string(::getpid());
+   Pipe toChild, fromChild;
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      Kel::ActivityLoop loop;
+      auto all = cells.tree(true);
+      auto q = queueOf(all, 1, 5);
+      q->pktsIs(100);
+      Kel::NboAttrLog::Server server(loop, sock, all, "writer");
+      fromChild.send("ready");
+      ::fcntl(toChild.fd[0], F_SETFL, O_NONBLOCK);
+      std::string cmd;
+      for (;;) {
+         loop.runOnce(5);
+         char ch;
+         while (::read(toChild.fd[0], &ch, 1) == 1) {
+            if (ch != '\n') {
+               cmd += ch;
+               continue;
+            }
+            if (cmd == "bump") {
+               q->counterGenIdIs(41);
+               q->pktsIs(200);
+               fromChild.send(std::to_string(q->counterGenId()));
+            }
+            cmd.clear();
+         }
+      }
+   }
+   struct Reap {
+      pid_t pid;
+      ~Reap() {
+         if (pid <= 0) return;
+         ::kill(pid, SIGKILL);
+         ::waitpid(pid, nullptr, 0);
+      }
+   } reap{pid};
+   ASSERT_EQ(fromChild.receive(), "ready");
+
+   Kel::ActivityLoop loop;
+   Kel::NboAttrLog::Client client(loop, sock, "");
+   auto until = [&](auto done) {
+      auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (!done() && std::chrono::steady_clock::now() < end) loop.runOnce(10);
+      return done();
+   };
+   ASSERT_TRUE(until([&] { return client.synced(); }));
+   auto all = Kel::Ptr<AllIntfQueueCounterDir>(dynamic_cast<AllIntfQueueCounterDir *>(client.root().ptr()));
+   ASSERT_TRUE(all);
+   auto q = all->intfQueueCounterDir(eth(1))->intfQueueCounter("current")->queues("5-uc");
+   ASSERT_TRUE(q);
+   EXPECT_EQ(q->counterGenId(), 1u);
+   EXPECT_EQ(q->pkts(), 100u);
+
+   // The writer moves to a new generation; until the replica hears of it,
+   // the cell is not trusted.
+   toChild.send("bump");
+   ASSERT_EQ(fromChild.receive(), "42");
+   EXPECT_EQ(q->pkts(), 0u);
+   ASSERT_TRUE(until([&] { return q->counterGenId() == 42u; }));
+   EXPECT_EQ(q->pkts(), 200u);
+
+   ::kill(pid, SIGKILL);
+   ::waitpid(pid, nullptr, 0);
+   reap.pid = -1;
+   EXPECT_EQ(q->pkts(), 200u) << "the last value stays readable";
+}
