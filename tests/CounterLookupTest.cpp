@@ -118,7 +118,8 @@ struct Tree : ShmTestPrefix {
       configured = dir(statusEth, "configured");
       configured->counterDirPathIs("counter/eth/intf");
       notACounterDir = dir(statusEth, "plain");
-      notACounterDir->counterDirPathIs("status");  // a plain directory
+      counterEth->mkdir("plain");
+      notACounterDir->counterDirPathIs("counter/eth/plain");  // a plain directory
       namesNothing = dir(statusEth, "nothing");
       namesNothing->counterDirPathIs("counter/eth/absent");
 
@@ -255,7 +256,7 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
        {"general: a path to something that is not a counter directory",
         [](Tree & t) { return statusIn(t.notACounterDir, eth(3)); }, "",
         [](Tree & t) {
-           return std::vector<Msg>{{2, 214, full(*t.notACounterDir) + " has counterDirPath status"},
+           return std::vector<Msg>{{2, 214, full(*t.notACounterDir) + " has counterDirPath counter/eth/plain"},
                                    {0, 241, full(*t.notACounterDir) +
                                                 ": dynamic_cast to Interface::IntfCounterDirDirBase* "
                                                 "failed; typeid is Kel::Dir*"}};
