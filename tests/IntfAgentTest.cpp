@@ -19,6 +19,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -68,14 +69,21 @@ struct Output : Kel::ActivityLoop::Source {
    bool finished() const override { return eof; }
 };
 
-// A program run with the given arguments; killed and reaped on every path.
+// A program run with the given arguments (as user `runAs` when given);
+// killed and reaped on every path.
 struct Child {
-   Child(Kel::ActivityLoop & loop, char const * program, std::vector<std::string> args) : loop_(loop) {
+   Child(Kel::ActivityLoop & loop, char const * program, std::vector<std::string> args,
+         uid_t runAs = uid_t(-1))
+         : loop_(loop) {
       int err[2];
       if (::pipe2(err, O_CLOEXEC) != 0) return;
       pid = ::fork();
       if (pid == 0) {
          ::dup2(err[1], 2);
+         if (runAs != uid_t(-1) && (::setgroups(0, nullptr) != 0 || ::setgid(runAs) != 0 ||
+                                    ::setuid(runAs) != 0 || ::geteuid() != runAs)) {
+            ::_exit(126);
+         }
          std::vector<char *> argv{const_cast<char *>(program)};
          for (auto & a : args) argv.push_back(a.data());
          argv.push_back(nullptr);
@@ -320,6 +328,41 @@ TEST_F(IntfAgent, BadArgumentsAreRefusedBeforeAnythingStarts) {
    }
    struct stat st;
    EXPECT_NE(::stat(sock.c_str(), &st), 0);  // refused before serving
+}
+
+TEST_F(IntfAgent, AKernelRefusalIsLoggedOnceAndTheAgentCarriesOn) {
+   // Without CAP_NET_ADMIN (root's test runs the agent as nobody) the
+   // configured MTU of the loopback device is refused.
+   uid_t runAs = ::geteuid() == 0 ? 65534 : uid_t(-1);
+   ASSERT_EQ(::chmod(dir.path.c_str(), 0777), 0);
+   uint32_t kernelMtu = 0;
+   std::ifstream("/sys/class/net/lo/mtu") >> kernelMtu;
+   ASSERT_GT(kernelMtu, 68u);
+   std::string cfg = dir.path + "/intf.conf", configSock = dir.path + "/config.sock";
+   std::ofstream(cfg) << "Loopback0 mtu=" << kernelMtu - 1 << "\n";
+   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock});
+   ASSERT_TRUE(configd.waitFor("serving on")) << configd.stderr_.text;
+   ASSERT_EQ(::chmod(configSock.c_str(), 0777), 0);
+   Child agent(loop, INTF_AGENT, args(), runAs);
+   ASSERT_TRUE(agent.waitFor("INTF_AGENT_STARTED")) << agent.stderr_.text;
+   std::string refused = "INTF_AGENT_KERNEL_REFUSED ERR: Loopback0: the kernel refused MTU " +
+                         std::to_string(kernelMtu - 1) + " on device lo in namespace default: ";
+   ASSERT_TRUE(agent.waitFor(refused)) << agent.stderr_.text;
+   EXPECT_TRUE(agent.says(refused + std::strerror(EPERM))) << agent.stderr_.text;
+
+   // Several intervals later: said once, not tried again, and still serving.
+   loop.runUntil([] { return false; }, 1000);
+   auto const & text = agent.stderr_.text;
+   size_t first = text.find("INTF_AGENT_KERNEL_REFUSED");
+   EXPECT_EQ(text.find("INTF_AGENT_KERNEL_REFUSED", first + 1), std::string::npos) << text;
+   Kel::NboAttrLog::Client client(loop, sock, "");
+   ASSERT_TRUE(until([&] { return client.synced(); })) << text;
+   Tree t(client.root());
+   ASSERT_TRUE(t.complete());
+   ASSERT_TRUE(until([&] { return bool(t.status->intfStatus(IntfId("Loopback0"))); }));
+   EXPECT_EQ(t.status->intfStatus(IntfId("Loopback0"))->mtu(), kernelMtu);
+   ASSERT_EQ(::kill(agent.pid, SIGTERM), 0);
+   EXPECT_EQ(agent.exitStatus(), 0);
 }
 
 // Through a socket inside the namespace, as the kernel sees it.

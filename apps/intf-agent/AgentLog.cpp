@@ -94,7 +94,7 @@ Kel::LogMessage const & deviceUnmodelledMessage() {
 Kel::LogMessage const & kernelRefusedMessage() {
    static auto const & m = message(
          {"INTF_AGENT_KERNEL_REFUSED", Kel::LogSeverity::error,
-          "%s: the kernel refused to %s device %s in namespace %s: %s",
+          "%s: the kernel refused %s on device %s in namespace %s: %s",
           "The configuration of an interface could not be applied to its device. The agent does "
           "not try the same setting again until it changes.",
           "Check the agent's privileges (changing devices needs CAP_NET_ADMIN) and the device's "
