@@ -134,12 +134,8 @@ void HostAgent::removeNamespace(std::string const & name) {
 
 void HostAgent::scanNamespaces() {
    if (!watch_ || !watch_->valid()) return;
-   bool wasWatching = watch_->watching();
-   if (!watch_->retry() && !watchWarned_) {
-      // Nothing made a namespace yet; the directory is watched once it exists.
-      watchWarned_ = true;
-   }
-   if (!wasWatching && watch_->watching()) watchWarned_ = false;
+   // A directory nobody made yet is watched from when it exists.
+   watch_->retry();
    auto present = watch_->namespaces();
    std::vector<std::string> gone;
    for (auto const & [name, n] : namespaces_) {
@@ -317,11 +313,14 @@ void HostAgent::retryUnmodelled() {
 void HostAgent::onDumpDone(LinkNamespace & ns) {
    Namespace * n = find(ns);
    if (!n) return;
-   // What the dump did not mention, and nothing announced since it began,
-   // went while notifications were lost.
+   // What two dumps in a row did not mention, and nothing announced since
+   // they began, went while notifications were lost. (One is not enough:
+   // the end of a dump given up on may be taken for the end of the next.)
    bool removed = false;
    for (auto it = n->devices.begin(); it != n->devices.end();) {
-      if (it->second.seen) {
+      Device & d = it->second;
+      d.missed = d.seen ? 0 : d.missed + 1;
+      if (d.missed < 2) {
          ++it;
          continue;
       }

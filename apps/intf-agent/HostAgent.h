@@ -96,9 +96,6 @@ class HostAgent : private LinkNamespace::Events {
    // The current statuses and counters in the text exposition format.
    std::string metricsText() const;
 
-   size_t namespaces() const { return namespaces_.size(); }
-   size_t interfaces() const { return statusDir_->intfStatusSize(); }
-
  private:
    struct Device {
       LinkInfo info;
@@ -110,6 +107,7 @@ class HostAgent : private LinkNamespace::Events {
       LinkStats latest;
       bool fresh = false;  // a sample not yet folded
       bool seen = false;   // heard since the current dump began
+      unsigned missed = 0; // dumps in a row that did not mention it
       std::optional<bool> adminPending, adminRefused;
       uint32_t mtuPending = 0, mtuRefused = 0;
    };
@@ -158,7 +156,6 @@ class HostAgent : private LinkNamespace::Events {
    Kel::Ptr<Smash::Interface::AllIntfCounterDir> table_;
 
    std::unique_ptr<NamespaceWatch> watch_;
-   bool watchWarned_ = false;
    std::map<std::string, Namespace> namespaces_;
    std::map<std::string, NamespaceWatch::Handle> refused_;  // namespaces that could not be entered
    bool rescan_ = false;

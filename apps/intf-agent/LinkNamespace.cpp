@@ -37,12 +37,8 @@ int LinkNamespace::open(int domain, int type, int protocol) {
 
 int LinkNamespace::fd() const { return listen_ ? listen_->fd() : -1; }
 
-bool LinkNamespace::requestDump(unsigned stale) {
+bool LinkNamespace::requestDump() {
    if (!valid()) return false;
-   if (dumping_ && ++waited_ < stale) return true;
-   // The kernel keeps one dump per socket: a lost one is abandoned by
-   // asking again, and an answer still to come only repeats the devices.
-   waited_ = 0;
    dumping_ = listen_->requestDump();
    if (!dumping_) error_ = listen_->error();
    return dumping_;
@@ -70,7 +66,6 @@ void LinkNamespace::onReadable() {
          // The end of a dump given up on is not the end of the one asked for.
          if (!dumping_) return;
          dumping_ = false;
-         waited_ = 0;
          events_.onDumpDone(*this);
          return;
       case LinkEvent::error:

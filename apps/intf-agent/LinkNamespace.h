@@ -39,10 +39,11 @@ class LinkNamespace : public Kel::ActivityLoop::Source {
    std::string const & name() const { return name_; }
    bool isDefault() const;
 
-   // Asks for every device with its statistics, unless a dump is under way
-   // (one that has not ended after `stale` further requests is given up
-   // and asked again). False when the request could not be sent.
-   bool requestDump(unsigned stale = 5);
+   // Asks for every device with its statistics. The kernel runs one dump
+   // per socket: asked while one is under way, it refuses the new one, and
+   // the end of the old one is not taken for the end of the new one (the
+   // next request asks again). False when the request could not be sent.
+   bool requestDump();
    bool dumping() const { return dumping_; }
    // Sets a device administratively up or down: 0 or the kernel's errno.
    int setUp(int ifindex, bool up);
@@ -60,7 +61,6 @@ class LinkNamespace : public Kel::ActivityLoop::Source {
    std::unique_ptr<LinkSocket> listen_, control_;
    int ioctlFd_ = -1;
    bool dumping_ = false;
-   unsigned waited_ = 0;
    std::string error_;
 };
 
