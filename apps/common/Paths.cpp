@@ -19,6 +19,8 @@ std::string runtimeDir() {
 
 std::string defaultConfigSocket() { return runtimeDir() + "/config.sock"; }
 
+std::string agentSocketPath() { return runtimeDir() + "/agent.sock"; }
+
 std::string makeRuntimeDir(std::string const & dir) {
    mode_t mode = ::geteuid() == 0 ? 0755 : 0700;
    if (::mkdir(dir.c_str(), mode) != 0 && errno != EEXIST) {

@@ -1,5 +1,6 @@
-// Where the interface agents find each other: the directory of their sockets
-// and the configuration agent's socket in it, the same for every program.
+// Where the interface agents find each other: the directory of their sockets,
+// the configuration agent's and the host agent's sockets in it, and the
+// shared-memory counter table of the host agent, the same for every program.
 #pragma once
 
 #include <string>
@@ -13,6 +14,15 @@ std::string runtimeDir();
 // runtimeDir() + "/config.sock": where intf-configd serves the configuration
 // tree and where its readers mount it.
 std::string defaultConfigSocket();
+
+// runtimeDir() + "/agent.sock": where intf-agent serves its status and
+// counter tree.
+std::string agentSocketPath();
+
+// The mount path of intf-agent's counter table (Smash::Interface::
+// AllIntfCounterDir, one row per interface), under the process's
+// shared-memory prefix (Smash::shmPrefixIs).
+inline constexpr char agentCounterTablePath[] = "interface/counter/eth/intf";
 
 // Makes `dir` (its parent must exist) unless it is there, private to this
 // user unless we are root. Refuses a name that is not a directory owned by
