@@ -144,7 +144,7 @@ std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::P
       v.lastChange = s->operStatusChange().time();
       v.changes = s->operStatusChange().count();
       if (locals) {
-         if (auto l = locals->intfStatusLocal(v.intfId)) v.netNs = l->netNsName().stringValue().str();
+         if (auto l = locals->intfStatusLocal(v.intfId)) v.netNs = l->netNsName().name().str();
       }
       if (global) v.loadInterval = global->loadInterval().val();
       if (configs) {
