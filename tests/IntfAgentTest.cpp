@@ -5,6 +5,7 @@
 // under a reader that keeps reading, and, as root, a namespace that appears
 // under the running agent, gets its configuration from intf-configd and
 // goes away again.
+#include "ChildProcess.h"
 #include "HostIntfStatusDir.h"
 #include "NetNs.h"
 #include "Paths.h"
@@ -40,142 +41,9 @@
 using namespace Interface;
 using Zenet::IntfId;
 
+using namespace IntfTest;
+
 namespace {
-
-struct TempDir {
-   TempDir() {
-      char tmpl[] = "/tmp/intf-agent-test-XXXXXX";
-      EXPECT_NE(::mkdtemp(tmpl), nullptr);
-      path = tmpl;
-   }
-   ~TempDir() {
-      std::error_code ignored;
-      std::filesystem::remove_all(path, ignored);
-   }
-   std::string path;
-};
-
-// What a child writes to its standard error, collected by the loop.
-struct Output : Kel::ActivityLoop::Source {
-   int fd_ = -1;
-   bool eof = false;
-   std::string text;
-   int fd() const override { return fd_; }
-   void onReadable() override {
-      char buf[4096];
-      ssize_t n;
-      while ((n = ::read(fd_, buf, sizeof buf)) > 0) text.append(buf, size_t(n));
-      if (n == 0) eof = true;
-   }
-   bool finished() const override { return eof; }
-};
-
-// A program run with the given arguments (as user `runAs` when given);
-// killed and reaped on every path.
-struct Child {
-   Child(Kel::ActivityLoop & loop, char const * program, std::vector<std::string> args,
-         uid_t runAs = uid_t(-1))
-         : loop_(loop) {
-      int err[2];
-      if (::pipe2(err, O_CLOEXEC) != 0) return;
-      pid = ::fork();
-      if (pid == 0) {
-         ::dup2(err[1], 2);
-         if (runAs != uid_t(-1) && (::setgroups(0, nullptr) != 0 || ::setgid(runAs) != 0 ||
-                                    ::setuid(runAs) != 0 || ::geteuid() != runAs)) {
-            ::_exit(126);
-         }
-         std::vector<char *> argv{const_cast<char *>(program)};
-         for (auto & a : args) argv.push_back(a.data());
-         argv.push_back(nullptr);
-         ::execv(program, argv.data());
-         ::_exit(127);
-      }
-      ::close(err[1]);
-      stderr_.fd_ = err[0];
-      ::fcntl(err[0], F_SETFL, O_NONBLOCK);
-      loop_.add(&stderr_);
-   }
-   ~Child() {
-      kill9();
-      if (!stderr_.eof) loop_.remove(&stderr_);
-      if (stderr_.fd_ >= 0) ::close(stderr_.fd_);
-   }
-   void kill9() {
-      if (pid <= 0) return;
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
-      pid = -1;
-   }
-   bool says(std::string const & s) const { return stderr_.text.find(s) != std::string::npos; }
-   bool waitFor(std::string const & s, int ms = 5000) {
-      return loop_.runUntil([&] { return says(s); }, ms);
-   }
-   // The exit status once the child has exited, or -1.
-   int exitStatus() {
-      int status = 0;
-      bool exited = loop_.runUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, 5000);
-      if (!exited) return -1;
-      pid = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-   }
-   Kel::ActivityLoop & loop_;
-   pid_t pid = -1;
-   Output stderr_;
-};
-
-// A TCP port that was free a moment ago.
-int freePort() {
-   int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   sockaddr_in a{};
-   a.sin_family = AF_INET;
-   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-   socklen_t len = sizeof a;
-   int port = 0;
-   if (::bind(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0 &&
-       ::getsockname(s, reinterpret_cast<sockaddr *>(&a), &len) == 0) {
-      port = ntohs(a.sin_port);
-   }
-   ::close(s);
-   return port;
-}
-
-// The whole answer to a GET, or "" (the agent answers from its own process,
-// so blocking here is fine).
-std::string httpGet(int port, std::string const & path) {
-   int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   timeval tv{5, 0};
-   ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-   sockaddr_in a{};
-   a.sin_family = AF_INET;
-   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-   a.sin_port = htons(uint16_t(port));
-   std::string out;
-   if (::connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0) {
-      std::string req = "GET " + path + " HTTP/1.1\r\nHost: test\r\n\r\n";
-      if (::send(s, req.data(), req.size(), MSG_NOSIGNAL) == ssize_t(req.size())) {
-         char buf[8192];
-         ssize_t n;
-         while ((n = ::recv(s, buf, sizeof buf, 0)) > 0) out.append(buf, size_t(n));
-      }
-   }
-   ::close(s);
-   return out;
-}
-
-// `count` datagrams of `bytes` to 127.0.0.1: each crosses the loopback device.
-void sendUdp(int count, size_t bytes) {
-   int s = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-   sockaddr_in a{};
-   a.sin_family = AF_INET;
-   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-   a.sin_port = htons(9);  // discard: nobody listens, which changes nothing for the device
-   std::string payload(bytes, 'x');
-   for (int i = 0; i < count; ++i) {
-      ::sendto(s, payload.data(), payload.size(), 0, reinterpret_cast<sockaddr *>(&a), sizeof a);
-   }
-   ::close(s);
-}
 
 // The agent's tree as a reader finds it.
 struct Tree {
@@ -388,20 +256,6 @@ TEST_F(IntfAgent, AKernelRefusalIsLoggedOnceAndTheAgentCarriesOn) {
    EXPECT_EQ(t.status->intfStatus(IntfId("Loopback0"))->mtu(), kernelMtu);
    ASSERT_EQ(::kill(agent.pid, SIGTERM), 0);
    EXPECT_EQ(agent.exitStatus(), 0);
-}
-
-// Through a socket inside the namespace, as the kernel sees it.
-bool deviceState(std::string const & ns, char const * device, uint32_t * mtu, bool * up) {
-   int s = Zenet::socketAt(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0, ns.c_str());
-   if (s < 0) return false;
-   ifreq r{};
-   std::strncpy(r.ifr_name, device, IFNAMSIZ - 1);
-   bool ok = ::ioctl(s, SIOCGIFMTU, &r) == 0;
-   *mtu = uint32_t(r.ifr_mtu);
-   ok = ok && ::ioctl(s, SIOCGIFFLAGS, &r) == 0;
-   *up = r.ifr_flags & IFF_UP;
-   ::close(s);
-   return ok;
 }
 
 TEST_F(IntfAgent, ANamespaceThatAppearsIsModelledConfiguredAndForgottenWhenItGoes) {

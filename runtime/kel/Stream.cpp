@@ -299,6 +299,8 @@ EntityAdapter * Writer::adapter(Entity const * e) const {
    return it == adapters_.end() ? nullptr : it->second.ptr();
 }
 
+constexpr const char * peerWentAway = "peer went away";
+
 void Writer::close(String8 const & why) {
    if (closed_) return;
    // Tell the reader why, if the socket takes it now.
@@ -316,7 +318,9 @@ void Writer::close(String8 const & why) {
    }
    closed_ = true;
    reason_ = why;
-   KEL_TRACE(trace, 0, "closing connection of " + name_ + ": " + cut(why.view()));
+   // A reader leaving is a server's everyday event, not a failure.
+   int level = why.view() == peerWentAway ? 1 : 0;
+   KEL_TRACE(trace, level, "closing connection of " + name_ + ": " + cut(why.view()));
    ::shutdown(fd_, SHUT_RDWR);
    if (busy_ == 0) teardown();
 }
@@ -363,7 +367,7 @@ void Writer::onReadable() {
    if (closed_) return;
    Busy busy(this);
    if (readSome(fd_, in_) < 0) {
-      close("peer went away");
+      close(peerWentAway);
       return;
    }
    // The reader sends one message: which path to mount.
@@ -448,7 +452,7 @@ void Writer::writeRef(Out & out, Entity const * e) {
 void Writer::sendNow() {
    while (pending() > 0) {
       ssize_t r = sendSome(fd_, out_.data() + sent_, pending());
-      if (r < 0) return close("peer went away");
+      if (r < 0) return close(peerWentAway);
       if (r == 0) break;
       sent_ += size_t(r);
    }
