@@ -4,7 +4,9 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 source tools/deps.sh
-intf_need_packages "${INTF_BASE_PACKAGES[@]}"
+intf_need_packages "${INTF_BASE_PACKAGES[@]}" iproute2
+# A real monitoring server for the scrape test.
+intf_want_packages prometheus
 
 jobs=$(nproc)
 run() {

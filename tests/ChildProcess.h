@@ -136,7 +136,7 @@ inline std::string httpGet(int port, std::string const & path) {
    a.sin_port = htons(uint16_t(port));
    std::string out;
    if (::connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0) {
-      std::string req = "GET " + path + " HTTP/1.1\r\nHost: test\r\n\r\n";
+      std::string req = "GET " + path + " HTTP/1.1\r\nHost: test\r\nConnection: close\r\n\r\n";
       if (::send(s, req.data(), req.size(), MSG_NOSIGNAL) == ssize_t(req.size())) {
          char buf[8192];
          ssize_t n;

@@ -14,3 +14,8 @@ intf_need_packages() {
    fi
 }
 INTF_BASE_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
+# Packages a test can do without (it is skipped, saying why): a failed
+# installation of these does not stop the run.
+intf_want_packages() {
+   intf_need_packages "$@" || echo "could not install $*: the tests that need them will say so and skip"
+}

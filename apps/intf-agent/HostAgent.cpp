@@ -539,6 +539,16 @@ std::string HostAgent::metricsText() const {
    for (auto const & r : rows) {
       m.sample("intf_oper_up", labels(r), uint64_t(r.d->status->operStatus() == IntfOperStatus::intfOperUp));
    }
+   // The model's oper history: how often the status changed, and when last.
+   m.family("intf_oper_changes_total", "counter", "Operational status changes since the agent found the device.");
+   for (auto const & r : rows) {
+      m.sample("intf_oper_changes_total", labels(r), uint64_t(r.d->status->operStatusChange().count()));
+   }
+   m.family("intf_oper_last_change_timestamp_seconds", "gauge",
+            "When the operational status last changed (seconds since the epoch; 0 if never).");
+   for (auto const & r : rows) {
+      m.sample("intf_oper_last_change_timestamp_seconds", labels(r), double(r.d->status->operStatusChange().time()));
+   }
    return m.text();
 }
 
