@@ -45,6 +45,7 @@ void registerReplicationBenches();
 void registerScaleBenches();
 void registerShmBenches();
 void registerCounterBenches();
+void registerAgentBenches();
 
 } // namespace IntfBench
 

@@ -7,6 +7,7 @@
 #include "Bench.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <regex>
@@ -165,6 +166,7 @@ int main(int argc, char ** argv) {
    registerScaleBenches();
    registerShmBenches();
    registerCounterBenches();
+   registerAgentBenches();
 
    Collector collector;
    benchmark::RunSpecifiedBenchmarks(&collector);
@@ -173,7 +175,9 @@ int main(int argc, char ** argv) {
    std::printf("\n== summary (figure = median CPU time ours / baseline unless noted)\n");
    for (auto const & e : entries()) {
       if (e.measure) {
-         if (selected(e.name, filter)) printLine(e, e.measure());
+         if (!selected(e.name, filter)) continue;
+         // A figure that could not be measured here (NaN) has said why.
+         if (double f = e.measure(); !std::isnan(f)) printLine(e, f);
          continue;
       }
       double ours = 0, base = 0;
