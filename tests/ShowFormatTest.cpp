@@ -89,7 +89,13 @@ TEST(ShowFormat, DetailTellsEverythingKnownOfOneInterface) {
    EXPECT_EQ(d,
              "Ethernet2 is administratively down, line protocol is lowerLayerDown\n"
              "  Device - in namespace blue\n"
-             "  MTU 1500 bytes, maximum 0\n"
+             "  MTU 1500 bytes\n"
              "  3 link status changes, last 60 s ago\n"
              "  No counters\n");
+   // The maximum MTU only where the kernel told it.
+   for (auto const & v : r) {
+      if (v.maxMtu) {
+         EXPECT_NE(interfaceDetail(v, 160).find("MTU 9000 bytes, maximum 9216\n"), std::string::npos);
+      }
+   }
 }

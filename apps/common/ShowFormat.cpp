@@ -135,7 +135,7 @@ std::string interfaceDetail(IntfView const & v, double now) {
    if (!v.description.empty()) o += "  Description: " + v.description + "\n";
    o += "  Device " + (v.device.empty() ? std::string("-") : v.device) + " in namespace " +
         (v.netNs.empty() ? std::string("default") : v.netNs) + "\n";
-   o += "  MTU " + std::to_string(v.mtu) + " bytes, maximum " + std::to_string(v.maxMtu) + "\n";
+   o += "  MTU " + std::to_string(v.mtu) + " bytes" + (v.maxMtu ? ", maximum " + std::to_string(v.maxMtu) : std::string()) + "\n";
    if (v.changes) {
       o += "  " + std::to_string(v.changes) + " link status changes, last " +
            (v.lastChange > 0 && now >= v.lastChange ? fixed(now - v.lastChange, 0) + " s ago"

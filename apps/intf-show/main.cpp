@@ -112,6 +112,7 @@ std::optional<Options> parse(int argc, char ** argv, int * rc) {
 struct Mount {
    Mount(Kel::ActivityLoop & loop, std::string const & socket, int timeoutMs) : client(loop, socket, "") {
       client.onClosed = [this](Kel::String8 const & why) { reason = why.str(); };
+      reason = client.lastClose().str();  // a connection refused at once
       auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
       while (!client.synced() && reason.empty() && std::chrono::steady_clock::now() < end) loop.runOnce(20);
       if (!client.synced() && reason.empty()) reason = "no answer in " + std::to_string(timeoutMs) + " ms";
@@ -201,7 +202,9 @@ int main(int argc, char ** argv) {
    std::signal(SIGINT, [](int) { interrupted = 1; });
    std::signal(SIGTERM, [](int) { interrupted = 1; });
    IntfApp::registerAppTypes();
-   Kel::traceLevelIs("Kel::NboAttrLog", -1);  // a closed connection is reported below
+   // Connection failures are reported below, in the operator's words.
+   Kel::traceLevelIs("Kel::NboAttrLog", -1);
+   Kel::traceLevelIs("Kel::Agent", -1);
 
    Kel::ActivityLoop loop;
    Mount agent(loop, o.socket, 3000);

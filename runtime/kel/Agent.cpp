@@ -132,6 +132,7 @@ void Client::connect() {
 }
 
 void Client::closed(String8 const & why) {
+   lastClose_ = why;
    std::weak_ptr<bool> alive = alive_;
    auto cb = onClosed;  // a copy: the callback may delete the client
    if (cb) cb(why);

@@ -76,6 +76,9 @@ class Client {
    Ptr<Entity> root() const { return root_; }
    bool synced() const { return reader_ && reader_->synced(); }
    uint64_t connects() const { return connects_; }
+   // Why the last connection closed or could not be made ("" before any);
+   // a failure in the constructor is only seen here, before onClosed is set.
+   String8 const & lastClose() const { return lastClose_; }
 
    std::function<void(Ptr<Entity> root)> onSynced;
    std::function<void(String8 const & reason)> onClosed;
@@ -87,6 +90,7 @@ class Client {
    ActivityLoop & loop_;
    std::string path_;
    String8 mountPath_;
+   String8 lastClose_;
    Options options_;
    int fd_ = -1;
    std::unique_ptr<Reader> reader_;
