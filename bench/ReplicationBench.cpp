@@ -268,6 +268,33 @@ void registerReplicationBenches() {
           for (auto _ : st) typedSet(entity.ptr(), 1 + (++i & 1));
        });
 
+   addPair(
+       "reflection.get_by_id", "4",
+       [](benchmark::State & st) {
+          BenchStamp::GenericIf_ g(entity);
+          Kel::AttributeId id = g.attributeId("count");  // once, by the caller
+          for (auto _ : st) {
+             auto v = g.attribute(id);
+             benchmark::DoNotOptimize(v.ptr());
+          }
+       },
+       [](benchmark::State & st) {
+          for (auto _ : st) benchmark::DoNotOptimize(typedGet(entity.ptr()));
+       });
+   addPair(
+       "reflection.set_by_id", "4",
+       [](benchmark::State & st) {
+          BenchStamp::GenericIf_ g(entity);
+          Kel::AttributeId id = g.attributeId("count");
+          Kel::GenericIf::PtrConst v[2] = {Kel::toGeneric(uint64_t(1)), Kel::toGeneric(uint64_t(2))};
+          unsigned i = 0;
+          for (auto _ : st) g.attributeIs(id, v[++i & 1]);
+       },
+       [](benchmark::State & st) {
+          unsigned i = 0;
+          for (auto _ : st) typedSet(entity.ptr(), 1 + (++i & 1));
+       });
+
    addFigure("replication.updates_per_s", "1000000", &replicationThroughput, Sense::AtLeast);
    addFigure("replication.p99_us", "100", &replicationP99);
 }

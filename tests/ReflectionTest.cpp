@@ -104,6 +104,16 @@ TEST(Reflection, EntitySetGoesThroughTheMutator) {
    Thing::GenericIf_ ro(thing, true);
    EXPECT_EQ(errorOf([&] { ro.attributeIs("count", gen(uint32_t(1))); }),
              "attempting to modify a const instance");
+   // By identifier, looked up once: the same operations.
+   Kel::AttributeId count = g.attributeId("count");
+   EXPECT_EQ(count, Thing::kelId_count);
+   g.attributeIs(count, gen(uint32_t(11)));
+   EXPECT_EQ(thing->count(), 11u);
+   EXPECT_EQ(c->n, 2);
+   EXPECT_EQ(val<uint32_t>(g.attribute(count)), 11u);
+   EXPECT_EQ(errorOf([&] { ro.attributeIs(count, gen(uint32_t(1))); }), "attempting to modify a const instance");
+   EXPECT_NE(errorOf([&] { g.attribute(Kel::AttributeId(9999)); }).find("has no such attribute: 9999"),
+             std::string::npos);
 }
 
 TEST(Reflection, EntityPointerAttributesCheckTheTargetType) {

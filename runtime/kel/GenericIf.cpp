@@ -127,6 +127,16 @@ GenericIf::Ptr GenericIf::attribute(String8 const & name) {
    return r.box.val();
 }
 
+GenericIf::Ptr GenericIf::attribute(AttributeId id) {
+   StackResult r;
+   attributeOp(AttributeOp{AttributeOp::get, id}, nullptr, r.ptr());
+   return r.box.val();
+}
+
+void GenericIf::attributeIs(AttributeId id, PtrConst const & v) {
+   attributeOp(AttributeOp{AttributeOp::set, id}, v, nullptr);
+}
+
 void GenericIf::attributeIs(String8 const & name, PtrConst const & v) {
    attributeOp(AttributeOp{AttributeOp::set, attributeId(name)}, v, nullptr);
 }

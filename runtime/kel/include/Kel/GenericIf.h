@@ -50,6 +50,10 @@ class GenericIf : public PtrInterface {
    Ptr attribute(String8 const & name);
    void attributeIs(String8 const & name, PtrConst const & v);
    Ptr attributeAt(String8 const & name, PtrConst const & key);
+   // The same by identifier, for callers that look the name up once
+   // (attributeId) and then read or write many times.
+   Ptr attribute(AttributeId id);
+   void attributeIs(AttributeId id, PtrConst const & v);
 
    [[noreturn]] static void throwConstException(const char * text);
    [[noreturn]] static void throwTypeException(String8 const & attr);
