@@ -23,6 +23,7 @@ class LookupStatusDir : public IntfStatusDirBase {
  public:
    explicit LookupStatusDir(Kel::Name n) : IntfStatusDirBase(std::move(n)) {}
 };
+KEL_FACTORY(lookupStatusDirFactory, LookupStatusDir);
 
 struct Msg {
    int level;

@@ -175,6 +175,7 @@ class ProcStatusDir : public IntfStatusDirBase {
  public:
    explicit ProcStatusDir(Kel::Name n) : IntfStatusDirBase(std::move(n)) {}
 };
+KEL_FACTORY(procStatusDirFactory, ProcStatusDir);
 
 } // namespace
 
