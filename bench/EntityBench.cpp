@@ -22,6 +22,7 @@ class BenchEntity : public Kel::Entity {
  public:
    explicit BenchEntity(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(benchEntityFactory, BenchEntity);
 
 class CountingReactor : public BenchEntity::NotifieeConst {
  public:

@@ -29,6 +29,7 @@ class BenchStamp : public Kel::Entity {
  public:
    explicit BenchStamp(Kel::Name n) : Kel::Entity(std::move(n)) {}
 };
+KEL_FACTORY(benchStampFactory, BenchStamp);
 
 } // namespace IntfBench
 

@@ -13,10 +13,6 @@ void CliSaveIntfConfigWalk::doFilter(Kel::Ptr<Kel::Entity> const & entity, unsig
    }
 }
 
-Kel::Ptr<CliSaveIntfConfigWalk> cliSaveIntfConfigWalkFactory(Kel::Name name) {
-   return Kel::makePtr<CliSaveIntfConfigWalk>(std::move(name));
-}
-
 } // namespace Interface
 
 void kelModuleCliSaveIntfConfigWalk() {

@@ -18,8 +18,4 @@ Kel::String8 IntfConfig::prettyName() const {
    return s;
 }
 
-Kel::Ptr<IntfConfig> intfConfigFactory(Zenet::IntfId intfId) {
-   return Kel::makePtr<IntfConfig>(intfId);
-}
-
 } // namespace Interface

@@ -47,9 +47,4 @@ Kel::Ptr<IntfAclDrops> IntfStatus::lookUpIntfAclDrops() const {
    return Intf::getIntfAclDrops<IntfAclDrops>(Kel::Ptr<IntfStatus const>(this));
 }
 
-Kel::Ptr<IntfStatus> intfStatusFactory(Zenet::IntfId intfId,
-                                       Kel::Ptr<IntfConfig const> defaultConfig, uint32_t genId) {
-   return Kel::makePtr<IntfStatus>(intfId, std::move(defaultConfig), genId);
-}
-
 } // namespace Interface

@@ -19,10 +19,11 @@ using namespace Interface;
 #define KEL_ATTRS_LookupStatusDir(X)                                                  \
    X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, intfId)
 class LookupStatusDir : public IntfStatusDirBase {
-   KEL_ENTITY(LookupStatusDir, IntfStatusDirBase, "Test::LookupStatusDir", KEL_ATTRS_LookupStatusDir)
+   KEL_ENTITY(LookupStatusDir, IntfStatusDirBase, "KelTest::LookupStatusDir", KEL_ATTRS_LookupStatusDir)
  public:
    explicit LookupStatusDir(Kel::Name n) : IntfStatusDirBase(std::move(n)) {}
 };
+KEL_FACTORY(lookupStatusDirFactory, LookupStatusDir);
 
 struct Msg {
    int level;

@@ -171,10 +171,11 @@ namespace {
 #define KEL_ATTRS_ProcStatusDir(X)                                                    \
    X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, intfId)
 class ProcStatusDir : public IntfStatusDirBase {
-   KEL_ENTITY(ProcStatusDir, IntfStatusDirBase, "Test::ProcStatusDir", KEL_ATTRS_ProcStatusDir)
+   KEL_ENTITY(ProcStatusDir, IntfStatusDirBase, "KelTest::ProcStatusDir", KEL_ATTRS_ProcStatusDir)
  public:
    explicit ProcStatusDir(Kel::Name n) : IntfStatusDirBase(std::move(n)) {}
 };
+KEL_FACTORY(procStatusDirFactory, ProcStatusDir);
 
 } // namespace
 

@@ -13,12 +13,15 @@
 
 namespace {
 
-// The lines with `prefix`, less types that tests register for themselves.
+// The lines with `prefix`, less types that tests (KelTest) and the agent
+// programs (IntfApp, registered here by the agent's test) register for
+// themselves.
 std::vector<std::string> lines(std::string const & text, std::string const & prefix) {
    std::vector<std::string> out;
    std::istringstream in(text);
    for (std::string l; std::getline(in, l);) {
-      if (l.rfind(prefix, 0) == 0 && l.find("KelTest::") == std::string::npos) {
+      if (l.rfind(prefix, 0) == 0 && l.find("KelTest::") == std::string::npos &&
+          l.find("IntfApp::") == std::string::npos) {
          out.push_back(l.substr(prefix.size()));
       }
    }

@@ -19,6 +19,7 @@ class Queue : public Kel::Entity {
  public:
    Queue(uint8_t id, PktType t) : Kel::Entity(Kel::format("q%u", id)), queueId_(id), pktType_(t) {}
 };
+KEL_FACTORY(queueFactory, Queue);
 
 #define KEL_ATTRS_Leaf(X)                                                             \
    X(Ctor, intfId, IntfId, Zenet::IntfId)                                             \
@@ -29,6 +30,7 @@ class Leaf : public Kel::Entity {
    explicit Leaf(Zenet::IntfId id) : Kel::Entity(id.stringValue()), intfId_(id) {}
    explicit Leaf(Kel::Name const & n) : Leaf(Zenet::IntfId(n.view())) {}
 };
+KEL_FACTORY(leafFactory, Leaf);
 
 #define KEL_ATTRS_Thing(X)                                                            \
    X(Ctor, id, Id, uint32_t)                                                          \
@@ -57,6 +59,7 @@ class Thing : public Kel::Entity {
    explicit Thing(uint32_t id) : Kel::Entity(Kel::format("thing%u", id)), id_(id) {}
    uint32_t doubled() const { return count_ * 2; }
 };
+KEL_FACTORY(thingFactory, Thing);
 
 // A derived type: its attributes number on after its base's.
 #define KEL_ATTRS_SubThing(X) X(Scalar, extra, Extra, int32_t, -1)
@@ -65,6 +68,7 @@ class SubThing : public Thing {
  public:
    explicit SubThing(uint32_t id) : Thing(id) {}
 };
+KEL_FACTORY(subThingFactory, SubThing);
 
 // A single constructed child and a process-local cache.
 #define KEL_ATTRS_Holder(X)                                                           \
@@ -76,5 +80,6 @@ class Holder : public Kel::Entity {
    explicit Holder(Kel::Name n) : Kel::Entity(std::move(n)) {}
    Leaf::Ptr memo() const { return memo_; }
 };
+KEL_FACTORY(holderFactory, Holder);
 
 } // namespace KelTest

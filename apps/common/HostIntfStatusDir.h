@@ -19,6 +19,7 @@ class HostIntfStatusDir : public Interface::IntfStatusDirBase {
  public:
    explicit HostIntfStatusDir(Kel::Name name) : Interface::IntfStatusDirBase(std::move(name)) {}
 };
+KEL_FACTORY(hostIntfStatusDirFactory, HostIntfStatusDir);
 
 // Registers the types of the agents' own entities. Every process that
 // mounts an agent's tree calls it before mounting: a replica of a type that

@@ -18,7 +18,6 @@ class CliSaveIntfConfigWalk : public Kel::EntityWalk {
    explicit CliSaveIntfConfigWalk(Kel::Name name) : Kel::EntityWalk(std::move(name)) {}
    void doFilter(Kel::Ptr<Kel::Entity> const & entity, unsigned * result) override;
 };
-
-Kel::Ptr<CliSaveIntfConfigWalk> cliSaveIntfConfigWalkFactory(Kel::Name name);
+KEL_FACTORY(cliSaveIntfConfigWalkFactory, CliSaveIntfConfigWalk);
 
 } // namespace Interface

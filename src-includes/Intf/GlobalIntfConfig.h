@@ -24,6 +24,7 @@ class GlobalIntfConfig : public Kel::Entity {
  public:
    explicit GlobalIntfConfig(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(globalIntfConfigFactory, GlobalIntfConfig);
 
 // The namespace an interface is to live in.
 #define KEL_ATTRS_IntfNamespaceConfig(X)                                              \
@@ -37,6 +38,7 @@ class IntfNamespaceConfig : public Kel::Entity {
    explicit IntfNamespaceConfig(Zenet::IntfId intfId)
          : Kel::Entity(intfId.stringValue()), intfId_(intfId) {}
 };
+KEL_FACTORY(intfNamespaceConfigFactory, IntfNamespaceConfig);
 
 #define KEL_ATTRS_Bogon(X)                                                            \
    X(InstColl, intfCounter, IntfCounter, Kel::HashMap, Kel::Name, Interface::IntfCounter)
@@ -45,5 +47,6 @@ class Bogon : public Kel::Entity {
  public:
    explicit Bogon(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(bogonFactory, Bogon);
 
 } // namespace Interface

@@ -69,7 +69,6 @@ class IntfConfig : public Kel::Entity {
       return IntfEnabledState::unknownEnabledState;
    }
 };
-
-Kel::Ptr<IntfConfig> intfConfigFactory(Zenet::IntfId intfId);
+KEL_FACTORY(intfConfigFactory, IntfConfig);
 
 } // namespace Interface

@@ -21,6 +21,7 @@ class IntfCounter : public Kel::Entity {
  public:
    explicit IntfCounter(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(intfCounterFactory, IntfCounter);
 
 // ACL drops of one interface. The counters' readers are virtual so that an
 // adapter over a shared-memory row can stand in for the entity.
@@ -30,6 +31,7 @@ class IntfAclDrops : public Kel::Entity {
  public:
    explicit IntfAclDrops(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(intfAclDropsFactory, IntfAclDrops);
 
 #define KEL_ATTRS_IntfCounterDirBase(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
 class IntfCounterDirBase : public Kel::Entity {
@@ -44,6 +46,7 @@ class IntfCounterDirBase : public Kel::Entity {
       *out = nullptr;
    }
 };
+KEL_FACTORY(intfCounterDirBaseFactory, IntfCounterDirBase);
 
 #define KEL_ATTRS_IntfCounterDir(X)                                                   \
    X(InstColl, intfCounter, IntfCounter, Kel::HashMap, Kel::Name, Interface::IntfCounter)
@@ -61,6 +64,7 @@ class IntfCounterDir : public IntfCounterDirBase {
       *out = m ? m->value.ptr() : nullptr;
    }
 };
+KEL_FACTORY(intfCounterDirFactory, IntfCounterDir);
 
 #define KEL_ATTRS_IntfCounterDirDirBase(X)
 class IntfCounterDirDirBase : public Kel::Entity {
@@ -74,6 +78,7 @@ class IntfCounterDirDirBase : public Kel::Entity {
       *out = nullptr;
    }
 };
+KEL_FACTORY(intfCounterDirDirBaseFactory, IntfCounterDirDirBase);
 
 #define KEL_ATTRS_AllIntfCounterDir(X)                                                \
    X(InstColl, intfCounterDir, IntfCounterDir, Kel::HashMap, Zenet::IntfId,           \
@@ -88,7 +93,6 @@ class AllIntfCounterDir : public IntfCounterDirDirBase {
       *out = m ? m->value.ptr() : nullptr;
    }
 };
-
-Kel::Ptr<AllIntfCounterDir> allIntfCounterDirFactory(Kel::Name name);
+KEL_FACTORY(allIntfCounterDirFactory, AllIntfCounterDir);
 
 } // namespace Interface

@@ -19,6 +19,7 @@ class Config : public Group::Config {
          : Group::Config(Group::GroupKey(Group::GroupType::groupTypeIntf, groupName)),
            groupName_(std::move(groupName)) {}
 };
+KEL_FACTORY(configFactory, Config);
 
 // The members in effect, and separately the sub-interfaces in effect; an
 // identifier may be in either or both.
@@ -33,6 +34,7 @@ class Status : public Group::Status {
          : Group::Status(Group::GroupKey(Group::GroupType::groupTypeIntf, groupName)),
            groupName_(std::move(groupName)) {}
 };
+KEL_FACTORY(statusFactory, Status);
 
 #define KEL_ATTRS_IntfGroupConfigDir(X)                                               \
    X(InstColl, config, Config, Kel::HashMap, Kel::String8, IntfGroup::Config)
@@ -41,6 +43,7 @@ class ConfigDir : public Kel::Entity {
  public:
    explicit ConfigDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(configDirFactory, ConfigDir);
 
 #define KEL_ATTRS_IntfGroupStatusDir(X)                                               \
    X(InstColl, status, Status, Kel::HashMap, Kel::String8, IntfGroup::Status)
@@ -49,5 +52,6 @@ class StatusDir : public Kel::Entity {
  public:
    explicit StatusDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(statusDirFactory, StatusDir);
 
 } // namespace IntfGroup

@@ -48,6 +48,7 @@ class IntfQueueStatistics : public Kel::Entity {
    // The name a queue's statistics are kept under: "<queueId>-<packet type>".
    static Kel::Name queueName(unsigned char queueId, Interface::PktType pktType);
 };
+KEL_FACTORY(intfQueueStatisticsFactory, IntfQueueStatistics);
 
 #define KEL_ATTRS_IntfQueueCounter(X)                                                 \
    X(Cell, inDroppedPkts, InDroppedPkts, ::Brik::Slot::inDroppedPkts)                 \
@@ -70,6 +71,7 @@ class IntfQueueCounter : public Kel::Entity {
    // reader gets 0 until it has seen the cell's generation.
    uint64_t counterAddr(bool forRead) const;
 };
+KEL_FACTORY(intfQueueCounterFactory, IntfQueueCounter);
 
 #define KEL_ATTRS_IntfQueueCounterDir(X)                                              \
    X(Ctor, intfId, IntfId, Zenet::IntfId)                                             \
@@ -82,6 +84,7 @@ class IntfQueueCounterDir : public Kel::Entity {
    explicit IntfQueueCounterDir(Zenet::IntfId intfId)
          : Kel::Entity(intfId.stringValue()), intfId_(intfId) {}
 };
+KEL_FACTORY(intfQueueCounterDirFactory, IntfQueueCounterDir);
 
 #define KEL_ATTRS_AllIntfQueueCounterDir(X)                                           \
    X(InstColl, intfQueueCounterDir, IntfQueueCounterDir, Kel::HashMap, Zenet::IntfId, \
@@ -94,5 +97,6 @@ class AllIntfQueueCounterDir : public Kel::Entity {
  public:
    explicit AllIntfQueueCounterDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(allIntfQueueCounterDirFactory, AllIntfQueueCounterDir);
 
 } // namespace Interface

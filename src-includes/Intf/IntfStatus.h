@@ -56,9 +56,7 @@ class IntfStatus : public Kel::Entity {
    Kel::Ptr<IntfCounter> lookUpCounter() const;
    Kel::Ptr<IntfAclDrops> lookUpIntfAclDrops() const;
 };
-
-Kel::Ptr<IntfStatus> intfStatusFactory(Zenet::IntfId intfId,
-                                       Kel::Ptr<IntfConfig const> defaultConfig, uint32_t genId);
+KEL_FACTORY(intfStatusFactory, IntfStatus);
 
 // The network namespace in which the interface's kernel device lives.
 #define KEL_ATTRS_IntfStatusLocal(X)                                                  \
@@ -72,5 +70,6 @@ class IntfStatusLocal : public Kel::Entity {
    explicit IntfStatusLocal(Zenet::IntfId intfId)
          : Kel::Entity(intfId.stringValue()), intfId_(intfId) {}
 };
+KEL_FACTORY(intfStatusLocalFactory, IntfStatusLocal);
 
 } // namespace Interface

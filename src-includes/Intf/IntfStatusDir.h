@@ -23,6 +23,7 @@ class AllIntfConfigDir : public Kel::Entity {
  public:
    explicit AllIntfConfigDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(allIntfConfigDirFactory, AllIntfConfigDir);
 
 #define KEL_ATTRS_AllIntfStatusDir(X)                                                 \
    X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, \
@@ -33,6 +34,7 @@ class AllIntfStatusDir : public Kel::Entity {
  public:
    explicit AllIntfStatusDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(allIntfStatusDirFactory, AllIntfStatusDir);
 
 #define KEL_ATTRS_AllIntfStatusLocalDir(X)                                            \
    X(EntColl, intfStatusLocal, IntfStatusLocal, Kel::HashMap, Zenet::IntfId,          \
@@ -43,6 +45,7 @@ class AllIntfStatusLocalDir : public Kel::Entity {
  public:
    explicit AllIntfStatusLocalDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(allIntfStatusLocalDirFactory, AllIntfStatusLocalDir);
 
 // Entries are made by the directory from the key.
 #define KEL_ATTRS_AllIntfNamespaceConfigDir(X)                                        \
@@ -54,6 +57,7 @@ class AllIntfNamespaceConfigDir : public Kel::Entity {
  public:
    explicit AllIntfNamespaceConfigDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(allIntfNamespaceConfigDirFactory, AllIntfNamespaceConfigDir);
 
 // Statuses by kernel device name; the statuses belong to other directories.
 #define KEL_ATTRS_KernelIntfStatusDir(X)                                              \
@@ -64,6 +68,7 @@ class KernelIntfStatusDir : public Kel::Entity {
  public:
    explicit KernelIntfStatusDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(kernelIntfStatusDirFactory, KernelIntfStatusDir);
 
 // ---- bases of per-agent directories ----------------------------------------------------------
 
@@ -76,6 +81,7 @@ class IntfConfigDirBase : public Kel::Entity {
  public:
    explicit IntfConfigDirBase(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(intfConfigDirBaseFactory, IntfConfigDirBase);
 
 // New statuses take their genId from genIdMarker. counterDir caches, for
 // this process only, the counter directory the counter look-up found.
@@ -97,6 +103,7 @@ class IntfStatusDirBase : public Kel::Entity {
       return genIdMarker_;
    }
 };
+KEL_FACTORY(intfStatusDirBaseFactory, IntfStatusDirBase);
 
 // The concrete status directory; nothing of its own.
 #define KEL_ATTRS_IntfStatusDir(X)
@@ -106,6 +113,7 @@ class IntfStatusDir : public IntfStatusDirBase {
  public:
    explicit IntfStatusDir(Kel::Name name) : IntfStatusDirBase(std::move(name)) {}
 };
+KEL_FACTORY(intfStatusDirFactory, IntfStatusDir);
 
 #define KEL_ATTRS_IntfStatusLocalDirBase(X)
 class IntfStatusLocalDirBase : public Kel::Entity {
@@ -114,6 +122,7 @@ class IntfStatusLocalDirBase : public Kel::Entity {
  public:
    explicit IntfStatusLocalDirBase(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
+KEL_FACTORY(intfStatusLocalDirBaseFactory, IntfStatusLocalDirBase);
 
 // ---- device-indexed statuses --------------------------------------------------------------------
 
@@ -151,6 +160,7 @@ class DeviceIntfStatusDir : public Kel::Entity {
    explicit DeviceIntfStatusDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
 };
 KEL_VALUE_FUNCS(DeviceIntfStatusDir::IntfStatusAndDeviceName)
+KEL_FACTORY(deviceIntfStatusDirFactory, DeviceIntfStatusDir);
 
 // One device-indexed directory per VRF. Both constructor parameters are
 // rows, the entity's name first, so that creation by type name and
@@ -166,5 +176,6 @@ class DeviceVrfIntfStatusDir : public Kel::Entity {
    DeviceVrfIntfStatusDir(Kel::Name name, Kel::Name vrfName)
          : Kel::Entity(name), name_(std::move(name)), vrfName_(std::move(vrfName)) {}
 };
+KEL_FACTORY(deviceVrfIntfStatusDirFactory, DeviceVrfIntfStatusDir);
 
 } // namespace Interface

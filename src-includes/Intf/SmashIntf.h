@@ -57,6 +57,7 @@ class AllIntfCounterDir : public Kel::Entity {
    explicit AllIntfCounterDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
    std::string kelTablePath() const { return kelTablePathOf(*this, tablePath()); }
 };
+KEL_FACTORY(allIntfCounterDirFactory, AllIntfCounterDir);
 
 // ACL drop counts.
 #define KEL_ATTRS_SmashAllDropCounterDir(X)                                           \
@@ -69,6 +70,7 @@ class AllDropCounterDir : public Kel::Entity {
    explicit AllDropCounterDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
    std::string kelTablePath() const { return kelTablePathOf(*this, tablePath()); }
 };
+KEL_FACTORY(allDropCounterDirFactory, AllDropCounterDir);
 
 // Interface counters as they were when an operator cleared them: show
 // commands subtract a snapshot from the live counters.
@@ -82,5 +84,6 @@ class AllIntfCounterSnapshotDir : public Kel::Entity {
    explicit AllIntfCounterSnapshotDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
    std::string kelTablePath() const { return kelTablePathOf(*this, tablePath()); }
 };
+KEL_FACTORY(allIntfCounterSnapshotDirFactory, AllIntfCounterSnapshotDir);
 
 } // namespace Smash::Interface

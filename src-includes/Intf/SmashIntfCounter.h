@@ -38,6 +38,7 @@ class SmashIntfCounter : public IntfCounter {
    }
    DirPtr dir_;
 };
+KEL_FACTORY(smashIntfCounterFactory, SmashIntfCounter);
 
 #define KEL_ATTRS_SmashAclDropCounter(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
 class SmashAclDropCounter : public IntfAclDrops {
@@ -60,6 +61,7 @@ class SmashAclDropCounter : public IntfAclDrops {
  private:
    DirPtr dir_;
 };
+KEL_FACTORY(smashAclDropCounterFactory, SmashAclDropCounter);
 
 // The two directory levels of the counter tree over a counter table, so
 // that the general counter look-up (counter/<kind>/<dir>) finds table rows
@@ -84,6 +86,7 @@ class SmashIntfCounterDir : public IntfCounterDirBase {
  private:
    SmashIntfCounter::Ptr current_;
 };
+KEL_FACTORY(smashIntfCounterDirFactory, SmashIntfCounterDir);
 
 #define KEL_ATTRS_SmashIntfCounterDirDir(X)                                           \
    X(Scalar, tablePath, TablePath, Kel::String8, {})
@@ -105,5 +108,6 @@ class SmashIntfCounterDirDir : public IntfCounterDirDirBase {
    mutable std::string openedPath_;
    std::map<Zenet::IntfId, SmashIntfCounterDir::Ptr> dirs_;
 };
+KEL_FACTORY(smashIntfCounterDirDirFactory, SmashIntfCounterDirDir);
 
 } // namespace Interface

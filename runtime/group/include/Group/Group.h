@@ -38,6 +38,7 @@ class Config : public Kel::Entity {
  public:
    explicit Config(GroupKey key) : Kel::Entity(key.name()), key_(std::move(key)) {}
 };
+KEL_FACTORY(configFactory, Config);
 
 // A group in effect.
 #define KEL_ATTRS_GroupStatus(X)                                                      \
@@ -49,6 +50,7 @@ class Status : public Kel::Entity {
  public:
    explicit Status(GroupKey key) : Kel::Entity(key.name()), key_(std::move(key)) {}
 };
+KEL_FACTORY(statusFactory, Status);
 
 // Registers the group library's types (once; harmless again).
 void registerGroupTypes();

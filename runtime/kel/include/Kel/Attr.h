@@ -60,6 +60,8 @@
 #include <memory>
 #include <set>
 #include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace Kel {
@@ -911,5 +913,36 @@ void checkReinstantiate(T const & child, A const &... args) {
                                                                                       \
  public:                                                                              \
    ATTRS(KEL_EA_API_)
+
+// ---- factories -------------------------------------------------------------------------------
+// Every entity type has a factory, named after the type with a lower-case
+// first letter and "Factory" (IntfStatusDir: intfStatusDirFactory), made by
+//
+//    KEL_FACTORY(intfStatusDirFactory, IntfStatusDir)
+//
+// at namespace scope after the type's class, in the type's namespace. It
+// defines
+//
+//    template <class... A> Kel::Ptr<IntfStatusDir> intfStatusDirFactory(A &&... a)
+//
+// which takes the arguments of a public constructor (creation by type name
+// uses one of them: the Ctor rows, the name, or the name then the rows) and
+// no others, and records the factory's name for the type object, which
+// learns it when the type is registered (Kel::registerTypes). A factory
+// written by hand, because it does more than construct, is named the same
+// way with KEL_FACTORY_NAME(factoryName, Type).
+#define KEL_FACTORY_NAME(factoryName, Type)                                           \
+   [[maybe_unused]] constexpr const char * kelFactoryName(::Kel::TypeTag<Type>) {     \
+      return #factoryName;                                                            \
+   }                                                                                  \
+   static_assert(std::is_base_of_v<::Kel::Entity, Type>, #Type " is not an entity type")
+
+#define KEL_FACTORY(factoryName, Type)                                                \
+   template <class... A>                                                              \
+      requires std::is_constructible_v<Type, A...>                                    \
+   inline ::Kel::Ptr<Type> factoryName(A &&... a) {                                   \
+      return ::Kel::Ptr<Type>(new Type(std::forward<A>(a)...));                       \
+   }                                                                                  \
+   KEL_FACTORY_NAME(factoryName, Type)
 
 #include <Kel/AttrValueKinds.h>

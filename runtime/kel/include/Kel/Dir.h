@@ -16,6 +16,7 @@ class Dir : public Entity {
    // on the way is refused.
    Ptr mkdir(std::string_view path);
 };
+KEL_FACTORY(dirFactory, Dir);
 
 // The root of this process's entity tree (named "", so its children's full
 // names start with "/").

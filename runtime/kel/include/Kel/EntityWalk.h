@@ -34,5 +34,6 @@ class EntityWalk : public Entity {
  private:
    std::deque<::Kel::Ptr<Entity>> matches_;
 };
+KEL_FACTORY(entityWalkFactory, EntityWalk);
 
 } // namespace Kel

@@ -64,10 +64,30 @@ GenericIf::Ptr invokeGeneric(R (*fn)(A...), GenericIf const & args, const char *
    }(std::index_sequence_for<A...>{});
 }
 
-// Start-up: registers each type's qualified name, in the order given.
+// The name of T's factory (KEL_FACTORY, KEL_FACTORY_NAME in Attr.h); null
+// when T names none. A base type's factory does not count for T.
+template <class T>
+constexpr const char * factoryNameOf() {
+   if constexpr (requires { kelFactoryName(TypeTag<T>{}); }) {
+      return kelFactoryName(TypeTag<T>{});
+   } else {
+      return nullptr;
+   }
+}
+
+// Start-up: registers one type's qualified name, and records the name of
+// its factory.
+template <class T>
+void registerType() {
+   KelType const * t = typeOf<T>();
+   if (const char * f = factoryNameOf<T>()) t->factoryNameIs(f);
+   t->typeNodeIs(t->name());
+}
+
+// Registers each type, in the order given.
 template <class... T>
 void registerTypes() {
-   (typeOf<T>()->typeNodeIs(typeOf<T>()->name()), ...);
+   (registerType<T>(), ...);
 }
 
 // ---- records --------------------------------------------------------------------------------

@@ -124,6 +124,12 @@ class KelType {
    void typeNodeIs(String8 const & qualifiedName) const;
    bool registered() const { return registered_; }
 
+   // Entities: the name of the function that makes this type in code (see
+   // KEL_FACTORY in Attr.h), recorded when the type is registered; empty
+   // for a type that names none.
+   String8 const & factoryName() const { return factoryName_; }
+   void factoryNameIs(String8 const & n) const { factoryName_ = n; }
+
    // Attributes in identifier order, base type's first.
    std::vector<AttrDesc> const & attributes() const { return attrs_; }
    // Identifiers are consecutive, so the look-up by identifier is an index.
@@ -168,7 +174,14 @@ class KelType {
    size_t size_;
    uint32_t flags_ = 0;
    mutable bool registered_ = false;
+   mutable String8 factoryName_;
 };
+
+// Stands for type T in a call, so that a function declared for T (found
+// by argument-dependent look-up in T's namespace) matches T exactly, never
+// one of its bases.
+template <class T>
+struct TypeTag {};
 
 // Registered types by qualified name; null when none.
 KelType const * findType(std::string_view qualifiedName);

@@ -27,5 +27,6 @@ class ShmemManager : public Kel::Entity {
  private:
    mutable std::unique_ptr<ShmemMan> man_;
 };
+KEL_FACTORY(shmemManagerFactory, ShmemManager);
 
 } // namespace Mavo
