@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 source tools/deps.sh
-intf_need_packages cmake ninja-build g++ libbenchmark-dev libgtest-dev libgmock-dev redis-server iproute2 prometheus-node-exporter
+intf_need_packages cmake ninja-build g++ libbenchmark-dev libgtest-dev libgmock-dev redis-server iproute2 prometheus-node-exporter libsigc++-3.0-dev libboost-dev
 
 cmake -S . -B build/bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DINTF_TESTS=OFF -DINTF_BENCH=ON >/dev/null
 cmake --build build/bench -j "${INTF_BENCH_JOBS:-$(nproc)}" --target intf_bench

@@ -2,6 +2,13 @@
 // and the allocations a notification makes.
 #include "Bench.h"
 
+#ifdef INTF_BENCH_SIGC
+#include <sigc++/sigc++.h>
+#endif
+#ifdef INTF_BENCH_SIGNALS2
+#include <boost/signals2.hpp>
+#endif
+
 #include <Kel/Attr.h>
 
 #include <algorithm>
@@ -143,6 +150,53 @@ void baselineNotify(benchmark::State & state, uint32_t observers) {
    }
 }
 
+
+// The observer libraries that, like our reactors, tolerate slots that
+// disconnect during an emission: the same setter, then the signal.
+#ifdef INTF_BENCH_SIGC
+struct SigcObserved {
+   INTF_BENCH_NOINLINE void valueIs(uint32_t v) {
+      if (value == v) return;
+      value = v;
+      ++modifications;
+      changed.emit();
+   }
+   uint32_t value = 0;
+   uint32_t modifications = 0;
+   sigc::signal<void()> changed;
+};
+#endif
+#ifdef INTF_BENCH_SIGNALS2
+struct Signals2Observed {
+   INTF_BENCH_NOINLINE void valueIs(uint32_t v) {
+      if (value == v) return;
+      value = v;
+      ++modifications;
+      changed();
+   }
+   uint32_t value = 0;
+   uint32_t modifications = 0;
+   boost::signals2::signal<void()> changed;
+};
+#endif
+
+template <class Observed>
+void peerNotify(benchmark::State & state, uint32_t slots) {
+   std::vector<uint64_t> counts(slots, 0);
+   Observed o;
+   for (uint32_t i = 0; i < slots; ++i) o.changed.connect([c = &counts[i]] { ++*c; });
+   Observed * p = &o;
+   benchmark::DoNotOptimize(p);
+   uint32_t v = 0;
+   for (auto _ : state) {
+      v ^= 1;
+      p->valueIs(v);
+   }
+   for (uint64_t c : counts) {
+      if (c != uint64_t(state.iterations())) state.SkipWithError("a slot missed a write");
+   }
+}
+
 // Allocations per notified write, counted by the replaced global operator
 // new. One to eight reactors are the case that must not allocate; nine
 // (one past the snapshot's inline room) is a control that shows the counter
@@ -187,10 +241,22 @@ double notifyAllocations() {
 void registerEntityBenches() {
    addPair("write.unobserved", "1.5", [](benchmark::State & s) { oursWrite(s, 0); }, baselineWrite);
    addPair("write.equal", "1.5", oursEqualWrite, baselineEqualWrite);
-   addPair("notify.1", "1.0", [](benchmark::State & s) { oursWrite(s, 1); },
+   addPair("notify.1", "1.5", [](benchmark::State & s) { oursWrite(s, 1); },
            [](benchmark::State & s) { baselineNotify(s, 1); });
-   addPair("notify.4", "1.0", [](benchmark::State & s) { oursWrite(s, 4); },
+   addPair("notify.4", "1.2", [](benchmark::State & s) { oursWrite(s, 4); },
            [](benchmark::State & s) { baselineNotify(s, 4); });
+#ifdef INTF_BENCH_SIGC
+   addPair("notify.vs_sigc.1", "0.5", [](benchmark::State & s) { oursWrite(s, 1); },
+           [](benchmark::State & s) { peerNotify<SigcObserved>(s, 1); });
+   addPair("notify.vs_sigc.4", "0.5", [](benchmark::State & s) { oursWrite(s, 4); },
+           [](benchmark::State & s) { peerNotify<SigcObserved>(s, 4); });
+#endif
+#ifdef INTF_BENCH_SIGNALS2
+   addPair("notify.vs_signals2.1", "0.25", [](benchmark::State & s) { oursWrite(s, 1); },
+           [](benchmark::State & s) { peerNotify<Signals2Observed>(s, 1); });
+   addPair("notify.vs_signals2.4", "0.25", [](benchmark::State & s) { oursWrite(s, 4); },
+           [](benchmark::State & s) { peerNotify<Signals2Observed>(s, 4); });
+#endif
    addFigure("notify.allocs", "0", notifyAllocations);
 }
 

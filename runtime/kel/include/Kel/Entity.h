@@ -272,11 +272,12 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
    if (applying) detail::applyingReplicaEntity = nullptr;
    SnapshotIterator snap(reactors_);
    bool plain = !detail::threadSafePointers;
+   // One scope for the whole walk: every callback runs inside it.
+   Expect expect(Exception::notificationId);
    for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
       auto * r = static_cast<Entity::NotifieeConst *>(snap.take(i));
       // Only the snapshot holds it: released or deregistered meanwhile.
       if (r->references() != 1) {
-         Expect expect(Exception::notificationId);
          try {
             if (r->kelGeneric()) {
                r->kelOnAttribute(id, kelFirstArg(args...));
