@@ -10,20 +10,26 @@
 
 #include <functional>
 
-namespace {
-
-using namespace Interface;
+namespace KelTest {
 
 // A status directory of the test's own: statuses live in per-agent
 // directories derived from IntfStatusDirBase.
 #define KEL_ATTRS_LookupStatusDir(X)                                                  \
    X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, intfId)
-class LookupStatusDir : public IntfStatusDirBase {
-   KEL_ENTITY(LookupStatusDir, IntfStatusDirBase, "KelTest::LookupStatusDir", KEL_ATTRS_LookupStatusDir)
+class LookupStatusDir : public Interface::IntfStatusDirBase {
+   KEL_ENTITY(LookupStatusDir, Interface::IntfStatusDirBase, "KelTest::LookupStatusDir", KEL_ATTRS_LookupStatusDir)
  public:
-   explicit LookupStatusDir(Kel::Name n) : IntfStatusDirBase(std::move(n)) {}
+   explicit LookupStatusDir(Kel::Name n) : Interface::IntfStatusDirBase(std::move(n)) {}
 };
 KEL_FACTORY(lookupStatusDirFactory, LookupStatusDir);
+
+} // namespace KelTest
+
+namespace {
+
+using KelTest::LookupStatusDir;
+
+using namespace Interface;
 
 struct Msg {
    int level;

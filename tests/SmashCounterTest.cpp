@@ -166,7 +166,7 @@ TEST(SmashCounter, AdaptersReadAFreshRowEveryTimeAndZerosWithoutOne) {
    EXPECT_EQ(Kel::makePtr<SmashAclDropCounter>("aclDrops", eth(1))->inAclDrops(), 0u);
 }
 
-namespace {
+namespace KelTest {
 
 #define KEL_ATTRS_ProcStatusDir(X)                                                    \
    X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, intfId)
@@ -177,7 +177,9 @@ class ProcStatusDir : public IntfStatusDirBase {
 };
 KEL_FACTORY(procStatusDirFactory, ProcStatusDir);
 
-} // namespace
+} // namespace KelTest
+
+using KelTest::ProcStatusDir;
 
 // A writer process serves statuses of three kinds and keeps their counters
 // changing: Ethernet1 in per-interface counter entities, Ethernet2 through
