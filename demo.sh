@@ -21,8 +21,11 @@ pids=()
 root=false
 [ "$(id -u)" = 0 ] && ip netns add "$ns" 2>/dev/null && root=true
 cleanup() {
-   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
-   wait 2>/dev/null || true
+   # Last started first: the agent goes before the configuration it mounts.
+   for ((i = ${#pids[@]} - 1; i >= 0; i--)); do
+      kill "${pids[i]}" 2>/dev/null || true
+      wait "${pids[i]}" 2>/dev/null || true
+   done
    $root && ip netns del "$ns" 2>/dev/null || true
    rm -f /dev/shm/"${prefix#/}"* 2>/dev/null || true
    rm -rf "$work"
@@ -39,8 +42,12 @@ if $root; then
    printf 'global load-interval=5\n%s device=lo netns=%s mtu=65000 load-interval=5 description="demo loopback"\n' \
       "$intf" "$ns" >"$work/intf.conf"
 else
-   echo "Not root: the demonstration runs on the default namespace and leaves the kernel alone"
-   echo "(making a namespace and setting an MTU need root)."
+   if [ "$(id -u)" = 0 ]; then
+      echo "No network namespace could be made here: the demonstration runs on the default namespace"
+   else
+      echo "Not root: the demonstration runs on the default namespace"
+   fi
+   echo "and leaves the kernel alone (making a namespace and setting an MTU need root)."
    intf=Loopback0
    traffic=()
    printf 'global load-interval=5\n%s load-interval=5 description="demo loopback"\n' "$intf" >"$work/intf.conf"
