@@ -28,7 +28,7 @@ namespace IntfTest {
 
 struct TempDir {
    TempDir() {
-      char tmpl[] = "/tmp/intf-agent-test-XXXXXX";
+      char tmpl[] = "/tmp/intf-test-XXXXXX";
       EXPECT_NE(::mkdtemp(tmpl), nullptr);
       path = tmpl;
    }
@@ -60,10 +60,16 @@ struct Child {
    Child(Kel::ActivityLoop & loop, char const * program, std::vector<std::string> args,
          uid_t runAs = uid_t(-1))
          : loop_(loop) {
-      int err[2];
-      if (::pipe2(err, O_CLOEXEC) != 0) return;
+      int out[2], err[2];
+      if (::pipe2(out, O_CLOEXEC) != 0) return;
+      if (::pipe2(err, O_CLOEXEC) != 0) {
+         ::close(out[0]);
+         ::close(out[1]);
+         return;
+      }
       pid = ::fork();
       if (pid == 0) {
+         ::dup2(out[1], 1);
          ::dup2(err[1], 2);
          if (runAs != uid_t(-1) && (::setgroups(0, nullptr) != 0 || ::setgid(runAs) != 0 ||
                                     ::setuid(runAs) != 0 || ::geteuid() != runAs)) {
@@ -75,15 +81,19 @@ struct Child {
          ::execv(program, argv.data());
          ::_exit(127);
       }
-      ::close(err[1]);
-      stderr_.fd_ = err[0];
-      ::fcntl(err[0], F_SETFL, O_NONBLOCK);
-      loop_.add(&stderr_);
+      for (auto [o, pipe] : {std::pair{&stdout_, out}, std::pair{&stderr_, err}}) {
+         ::close(pipe[1]);
+         o->fd_ = pipe[0];
+         ::fcntl(pipe[0], F_SETFL, O_NONBLOCK);
+         loop_.add(o);
+      }
    }
    ~Child() {
       kill9();
-      if (!stderr_.eof) loop_.remove(&stderr_);
-      if (stderr_.fd_ >= 0) ::close(stderr_.fd_);
+      for (Output * o : {&stdout_, &stderr_}) {
+         if (!o->eof && o->fd_ >= 0) loop_.remove(o);
+         if (o->fd_ >= 0) ::close(o->fd_);
+      }
    }
    void kill9() {
       if (pid <= 0) return;
@@ -95,17 +105,29 @@ struct Child {
    bool waitFor(std::string const & s, int ms = 5000) {
       return loop_.runUntil([&] { return says(s); }, ms);
    }
-   // The exit status once the child has exited, or -1.
+   // The exit status once the child has exited and closed its outputs, or
+   // -1 (killed, or not done in time).
    int exitStatus() {
       int status = 0;
-      bool exited = loop_.runUntil([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, 5000);
+      bool exited = loop_.runUntil(
+          [&] { return stdout_.eof && stderr_.eof && ::waitpid(pid, &status, WNOHANG) == pid; }, 5000);
       if (!exited) return -1;
       pid = -1;
       return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
    }
    Kel::ActivityLoop & loop_;
    pid_t pid = -1;
-   Output stderr_;
+   Output stdout_, stderr_;
+};
+
+// Kills and reaps a forked child on every path of a test.
+struct Reap {
+   pid_t pid;
+   ~Reap() {
+      if (pid <= 0) return;
+      ::kill(pid, SIGKILL);
+      ::waitpid(pid, nullptr, 0);
+   }
 };
 
 // A TCP port that was free a moment ago.

@@ -2,6 +2,8 @@
 // intf-configd in a child process, its tree mounted over its socket, the
 // file edited under it (good edits arrive, a bad one changes nothing and is
 // reported with its line), a clean stop, and the check mode's verdicts.
+#include "ChildProcess.h"
+
 #include <Intf/GlobalIntfConfig.h>
 #include <Intf/IntfStatusDir.h>
 #include <Kel/Agent.h>
@@ -24,21 +26,9 @@ using namespace std::chrono_literals;
 using namespace Interface;
 using Zenet::IntfId;
 
-namespace {
+using IntfTest::TempDir;
 
-// A private directory for the file and the socket, removed with its content.
-struct TempDir {
-   TempDir() {
-      char tmpl[] = "/tmp/intf-configd-test-XXXXXX";
-      EXPECT_NE(::mkdtemp(tmpl), nullptr);
-      path = tmpl;
-   }
-   ~TempDir() {
-      std::error_code ignored;
-      std::filesystem::remove_all(path, ignored);
-   }
-   std::string path;
-};
+namespace {
 
 // Written whole and renamed into place, as configuration tools do.
 void writeFile(std::string const & path, std::string const & text) {
@@ -47,69 +37,14 @@ void writeFile(std::string const & path, std::string const & text) {
    ASSERT_EQ(::rename(tmp.c_str(), path.c_str()), 0);
 }
 
-// What the child writes to one of its outputs, collected by the loop.
-struct Output : Kel::ActivityLoop::Source {
-   int fd_ = -1;
-   bool eof = false;
-   std::string text;
-   int fd() const override { return fd_; }
-   void onReadable() override {
-      char buf[4096];
-      ssize_t n;
-      while ((n = ::read(fd_, buf, sizeof buf)) > 0) text.append(buf, size_t(n));
-      if (n == 0) eof = true;
-   }
-   bool finished() const override { return eof; }
-};
-
-// intf-configd with the given arguments; killed and reaped on every path.
-struct Configd {
-   explicit Configd(std::vector<std::string> args) {
-      int out[2], err[2];
-      if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return;
-      pid = ::fork();
-      if (pid == 0) {
-         ::dup2(out[1], 1);
-         ::dup2(err[1], 2);
-         std::vector<char *> argv{const_cast<char *>(INTF_CONFIGD)};
-         for (auto & a : args) argv.push_back(a.data());
-         argv.push_back(nullptr);
-         ::execv(INTF_CONFIGD, argv.data());
-         ::_exit(127);
-      }
-      ::close(out[1]);
-      ::close(err[1]);
-      stdout_.fd_ = out[0];
-      stderr_.fd_ = err[0];
-      ::fcntl(out[0], F_SETFL, O_NONBLOCK);
-      ::fcntl(err[0], F_SETFL, O_NONBLOCK);
-      loop.add(&stdout_);
-      loop.add(&stderr_);
-   }
-   ~Configd() {
-      if (pid > 0) {
-         ::kill(pid, SIGKILL);
-         ::waitpid(pid, nullptr, 0);
-      }
-      if (!stdout_.eof) loop.remove(&stdout_);
-      if (!stderr_.eof) loop.remove(&stderr_);
-      if (stdout_.fd_ >= 0) ::close(stdout_.fd_);
-      if (stderr_.fd_ >= 0) ::close(stderr_.fd_);
-   }
-   bool errorSays(std::string const & s) const { return stderr_.text.find(s) != std::string::npos; }
-   // Runs the loop until the child has exited and closed its outputs; its
-   // exit status, or -1 (killed, or not done in time).
-   int exitStatus() {
-      int status = 0;
-      bool exited = loop.runUntil(
-            [&] { return stdout_.eof && stderr_.eof && ::waitpid(pid, &status, WNOHANG) == pid; }, 5000);
-      if (!exited) return -1;
-      pid = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-   }
+// intf-configd with the given arguments and a loop of its own; killed and
+// reaped on every path.
+struct OwnLoop {
    Kel::ActivityLoop loop;
-   pid_t pid = -1;
-   Output stdout_, stderr_;
+};
+struct Configd : OwnLoop, IntfTest::Child {
+   explicit Configd(std::vector<std::string> args) : Child(loop, INTF_CONFIGD, std::move(args)) {}
+   bool errorSays(std::string const & s) const { return says(s); }
 };
 
 struct Mounted {

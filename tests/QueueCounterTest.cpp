@@ -1,6 +1,7 @@
 // Queue counters whose values live in shared-memory cells: the entities'
 // Cell rows, the place of the cell in the tree, the generation rules, and a
 // reader in another process that mounts the writer's counters.
+#include "ChildProcess.h"
 #include "Pipe.h"
 #include "ShmTestPrefix.h"
 
@@ -262,14 +263,7 @@ TEST(QueueCounter, AMountedReaderFollowsTheWritersGenerationsAndKeepsValuesAfter
          }
       }
    }
-   struct Reap {
-      pid_t pid;
-      ~Reap() {
-         if (pid <= 0) return;
-         ::kill(pid, SIGKILL);
-         ::waitpid(pid, nullptr, 0);
-      }
-   } reap{pid};
+   IntfTest::Reap reap{pid};
    ASSERT_EQ(fromChild.receive(), "ready");
 
    Kel::ActivityLoop loop;

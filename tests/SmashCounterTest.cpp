@@ -1,6 +1,7 @@
 // Counter rows in shared-memory tables: the rows' text form, the table
 // directories in their roles, the adapters that read a row as a counter,
 // and a reader process that finds a writer's counters from its statuses.
+#include "ChildProcess.h"
 #include "Pipe.h"
 #include "ShmTestPrefix.h"
 
@@ -244,14 +245,7 @@ TEST(SmashCounter, AReaderProcessFindsEachKindOfCounterFromItsStatusAndKeepsTheL
       fromChild.send("ready");
       for (;;) loop.runOnce(100);
    }
-   struct Reap {
-      pid_t pid;
-      ~Reap() {
-         if (pid <= 0) return;
-         ::kill(pid, SIGKILL);
-         ::waitpid(pid, nullptr, 0);
-      }
-   } reap{pid};
+   IntfTest::Reap reap{pid};
    ASSERT_EQ(fromChild.receive(), "ready");
 
    Kel::ActivityLoop loop;

@@ -18,7 +18,6 @@
 
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -118,21 +117,6 @@ int parseArgs(int argc, char ** argv, Options * o) {
    return 0;
 }
 
-// True when a server accepts connections at `path` (another running agent,
-// whose socket must not be taken away).
-bool someoneListens(std::string const & path) {
-   if (path.empty() || path[0] == '@') return false;  // binding an abstract name in use fails anyway
-   sockaddr_un a{};
-   a.sun_family = AF_UNIX;
-   if (path.size() >= sizeof a.sun_path) return false;
-   std::memcpy(a.sun_path, path.data(), path.size());
-   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   if (fd < 0) return false;
-   bool yes = ::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-   ::close(fd);
-   return yes;
-}
-
 int fatal(std::string const & why) {
    std::fprintf(stderr, "%s: %s\n", program, why.c_str());
    return 1;
@@ -159,7 +143,7 @@ int run(Options const & o) {
    }
    IntfApp::Signals signals;
    if (!signals.valid()) return fatal(std::string("signalfd: ") + std::strerror(errno));
-   if (someoneListens(socket)) return fatal("another server is listening on " + socket);
+   if (IntfApp::someoneListens(socket)) return fatal("another server is listening on " + socket);
 
    Kel::ActivityLoop loop;
    IntfApp::HostAgent * agentPtr = nullptr;

@@ -17,15 +17,14 @@
 #include "ConfigFile.h"
 #include "FileWatch.h"
 #include "Paths.h"
+#include "Signals.h"
 
 #include <Kel/Agent.h>
 #include <Kel/Dir.h>
 #include <Kel/Log.h>
 
 #include <signal.h>
-#include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -198,56 +197,6 @@ void printSummary(std::string const & path, IntfApp::ConfigFile const & cfg, Tre
    }
 }
 
-// SIGTERM, SIGINT and SIGHUP as events of the loop, through a signalfd (the
-// signals are blocked, so nothing runs in a signal handler).
-class Signals : public Kel::ActivityLoop::Source {
- public:
-   Signals() {
-      sigemptyset(&set_);
-      for (int s : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&set_, s);
-      if (::sigprocmask(SIG_BLOCK, &set_, nullptr) == 0) fd_ = ::signalfd(-1, &set_, SFD_NONBLOCK | SFD_CLOEXEC);
-   }
-   ~Signals() override {
-      if (fd_ >= 0) ::close(fd_);
-      ::sigprocmask(SIG_UNBLOCK, &set_, nullptr);
-   }
-   Signals(Signals const &) = delete;
-   Signals & operator=(Signals const &) = delete;
-   bool valid() const { return fd_ >= 0; }
-   int fd() const override { return fd_; }
-   void onReadable() override {
-      signalfd_siginfo si;
-      while (::read(fd_, &si, sizeof si) == ssize_t(sizeof si)) {
-         if (si.ssi_signo == SIGHUP) {
-            reload = true;
-         } else {
-            stop = int(si.ssi_signo);
-         }
-      }
-   }
-   int stop = 0;
-   bool reload = false;
-
- private:
-   sigset_t set_;
-   int fd_ = -1;
-};
-
-// True when a server accepts connections at `path` (another running agent,
-// whose socket we must not take away).
-bool someoneListens(std::string const & path) {
-   if (path.empty() || path[0] == '@') return false;  // binding an abstract name in use fails anyway
-   sockaddr_un a{};
-   a.sun_family = AF_UNIX;
-   if (path.size() >= sizeof a.sun_path) return false;
-   std::memcpy(a.sun_path, path.data(), path.size());
-   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   if (fd < 0) return false;
-   bool yes = ::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-   ::close(fd);
-   return yes;
-}
-
 int fatal(std::string const & why) {
    std::fprintf(stderr, "%s: %s\n", program, why.c_str());
    return 1;
@@ -284,9 +233,9 @@ int run(Options const & o) {
       std::string why = IntfApp::makeRuntimeDir(IntfApp::runtimeDir());
       if (!why.empty()) return fatal(why);
    }
-   Signals signals;
+   IntfApp::Signals signals(true);
    if (!signals.valid()) return fatal(std::string("signalfd: ") + std::strerror(errno));
-   if (someoneListens(socket)) return fatal("another server is listening on " + socket);
+   if (IntfApp::someoneListens(socket)) return fatal("another server is listening on " + socket);
    Kel::NboAttrLog::Server server(loop, socket, tree.root, program);
    if (!server.valid()) return fatal(server.error());
    loop.add(&signals);
@@ -310,15 +259,16 @@ int run(Options const & o) {
          Kel::logEvent(rejectedMessage(), o.config + ": " + e.what());
       }
    };
-   while (!signals.stop) {
+   while (!signals.stop()) {
       loop.runOnce(-1);
-      if (signals.stop) break;
-      if (changed || signals.reload) {
-         changed = signals.reload = false;
+      if (signals.stop()) break;
+      if (signals.reloadRequested()) changed = true;
+      if (changed) {
+         changed = false;
          reload();
       }
    }
-   Kel::logEvent(stoppingMessage(), std::string(::strsignal(signals.stop)));
+   Kel::logEvent(stoppingMessage(), std::string(::strsignal(signals.stop())));
    loop.remove(&*watch);
    loop.remove(&signals);
    return 0;  // the server's destructor removes the socket file

@@ -26,7 +26,11 @@ int socketAt(int domain, int type, int protocol, char const * namespaceName) {
       errno = EINVAL;
       return -1;
    }
-   int target = ::open(("/run/netns/" + std::string(ns)).c_str(), O_RDONLY | O_CLOEXEC);
+   return socketAtHandle(domain, type, protocol, ("/run/netns/" + std::string(ns)).c_str());
+}
+
+int socketAtHandle(int domain, int type, int protocol, char const * handlePath) {
+   int target = ::open(handlePath, O_RDONLY | O_CLOEXEC);
    if (target < 0) return -1;
    int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
    if (home < 0) {

@@ -13,4 +13,8 @@ namespace Zenet {
 // "NamespaceName::bytes > 150 not allowed".
 int socketAt(int domain, int type, int protocol, char const * namespaceName);
 
+// The same for the namespace whose handle is the file `handlePath` (a
+// namespace kept somewhere other than /run/netns).
+int socketAtHandle(int domain, int type, int protocol, char const * handlePath);
+
 } // namespace Zenet
