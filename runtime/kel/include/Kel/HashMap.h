@@ -24,15 +24,25 @@
 namespace Kel {
 
 // Hash and order of a key type. Specialise for key types that are not
-// built-in integers or strings (value types provide kelHash()).
+// built-in integers or strings (value types provide hash()). rhash is the
+// bit-reversed hash the buckets are indexed by; a key type that can compute
+// it directly (kelRhash()) saves the reversal on every look-up.
 template <class K, class Enable = void>
 struct KeyTraits {
    static uint32_t hash(K const & k) { return k.hash(); }
+   static uint32_t rhash(K const & k) {
+      if constexpr (requires { k.kelRhash(); }) {
+         return k.kelRhash();
+      } else {
+         return bitReverse(k.hash());
+      }
+   }
    static bool less(K const & a, K const & b) { return a < b; }
 };
 template <class K>
 struct KeyTraits<K, std::enable_if_t<std::is_integral_v<K> || std::is_enum_v<K>>> {
-   static uint32_t hash(K k) { return mix32(uint64_t(k)); }
+   static uint32_t rhash(K k) { return spreadRhash(uint64_t(k)); }
+   static uint32_t hash(K k) { return bitReverse(rhash(k)); }
    static bool less(K a, K b) { return a < b; }
 };
 
@@ -158,7 +168,7 @@ class HashMap : public HashMapGeneric {
    HashMap() = default;
    ~HashMap() { emptyAllBuckets(vt_); }
 
-   static uint32_t rhashOf(Key const & k) { return bitReverse(KeyTraits<Key>::hash(k)); }
+   static uint32_t rhashOf(Key const & k) { return KeyTraits<Key>::rhash(k); }
 
    Member * find(Key const & k) const {
       uint32_t rh = rhashOf(k);

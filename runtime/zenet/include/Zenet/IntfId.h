@@ -46,7 +46,10 @@ class IntfId {
    // The interface name; "" for no interface; "IntfId(0x...)" for a word
    // that no family decodes.
    Kel::String8 stringValue() const;
-   uint32_t hash() const { return Kel::mix32(v_); }
+   // Hash maps take their bucket from the bit-reversed hash, which is the
+   // cheap one to compute here; hash() is its reversal.
+   uint32_t kelRhash() const { return Kel::spreadRhash(v_); }
+   uint32_t hash() const { return Kel::bitReverse(kelRhash()); }
 
    friend constexpr bool operator==(IntfId a, IntfId b) { return a.v_ == b.v_; }
    friend constexpr auto operator<=>(IntfId a, IntfId b) { return a.v_ <=> b.v_; }
