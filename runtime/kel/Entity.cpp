@@ -11,7 +11,9 @@ namespace Kel {
 
 namespace detail {
 bool threadSafePointers = false;
-thread_local void const * applyingReplicaEntity = nullptr;
+constinit thread_local void const * applyingReplicaEntity
+    __attribute__((tls_model("initial-exec"))) = nullptr;
+constinit thread_local NotifyWalks notifyWalks __attribute__((tls_model("initial-exec")));
 } // namespace detail
 
 void VFPtrInterface::enableThreadSafePointers() { detail::threadSafePointers = true; }
@@ -77,20 +79,21 @@ namespace {
 // one stack frame per link.
 thread_local bool deleting = false;
 thread_local std::vector<PtrInterface *> * dying = nullptr;
-} // namespace
 
-void PtrInterface::kelLastReferenceGone() {
-   // A large count while dying, so that references taken and dropped by
-   // zero-reference handlers cannot bring it to zero a second time.
-   refs_ = 1u << 30;
-   zeroReferencesIs(true);
+// What notification walks keep until they are over: reactor arrays that
+// were replaced while walked, and reactors released during a walk.
+thread_local std::vector<void **> * walkedArrays = nullptr;
+thread_local std::vector<PtrInterface *> * walkedReactors = nullptr;
+thread_local bool endingWalks = false;
+
+void deleteNow(PtrInterface * p) {
    if (deleting) {
       if (!dying) dying = new std::vector<PtrInterface *>;
-      dying->push_back(this);
+      dying->push_back(p);
       return;
    }
    deleting = true;
-   delete this;
+   delete p;
    while (dying && !dying->empty()) {
       PtrInterface * next = dying->back();
       dying->pop_back();
@@ -99,7 +102,64 @@ void PtrInterface::kelLastReferenceGone() {
    deleting = false;
 }
 
+} // namespace
+
+void PtrInterface::kelLastReferenceGone() {
+   // A large count while dying, so that references taken and dropped by
+   // zero-reference handlers cannot bring it to zero a second time, and a
+   // notification walk can tell that it was released.
+   refs_ = dyingReferences;
+   zeroReferencesIs(true);
+   if (detail::notifyWalks.depth && kelDeletionWaitsForWalks()) {
+      if (!walkedReactors) walkedReactors = new std::vector<PtrInterface *>;
+      walkedReactors->push_back(this);
+      detail::notifyWalks.pending = true;
+      return;
+   }
+   deleteNow(this);
+}
+
+void detail::notifyWalksEnded() {
+   // Deleting a reactor may notify again, and that walk ends here too: the
+   // outermost call does all the work.
+   if (endingWalks) return;
+   endingWalks = true;
+   notifyWalks.pending = false;
+   std::vector<void **> arrays;
+   std::vector<PtrInterface *> reactors;
+   while ((walkedArrays && !walkedArrays->empty()) || (walkedReactors && !walkedReactors->empty())) {
+      if (walkedArrays) arrays.swap(*walkedArrays);
+      if (walkedReactors) reactors.swap(*walkedReactors);
+      for (void ** d : arrays) ::operator delete(d);
+      // In the order they were released.
+      for (PtrInterface * r : reactors) deleteNow(r);
+      arrays.clear();
+      reactors.clear();
+   }
+   notifyWalks.pending = false;
+   endingWalks = false;
+}
+
 // --- ReactorList ---------------------------------------------------------------
+
+void ReactorList::release(void ** d) {
+   if (!d) return;
+   if (walkers_) {
+      if (!walkedArrays) walkedArrays = new std::vector<void **>;
+      walkedArrays->push_back(d);
+      detail::notifyWalks.pending = true;
+      return;
+   }
+   ::operator delete(d);
+}
+
+void ReactorList::copyForChange() {
+   void ** d = static_cast<void **>(::operator new(cap_ * sizeof(void *)));
+   std::memcpy(d, data_, nbound_ * sizeof(void *));
+   release(data_);
+   data_ = d;
+   walkers_ = 0;
+}
 
 void ReactorList::bind(Entity *, void * r, bool registered) {
    if (nbound_ == 0xffff) throwRangeException("too many reactors on one entity");
@@ -108,15 +168,19 @@ void ReactorList::bind(Entity *, void * r, bool registered) {
       if (cap > 0xffff) cap = 0xffff;
       void ** d = static_cast<void **>(::operator new(cap * sizeof(void *)));
       if (nbound_) std::memcpy(d, data_, nbound_ * sizeof(void *));
-      ::operator delete(data_);
+      release(data_);
       data_ = d;
+      walkers_ = 0;
       cap_ = uint16_t(cap);
+   } else {
+      copyIfWalked();
    }
    data_[nbound_++] = r;
    if (registered) setRegistered(r, true);
 }
 
 void ReactorList::unbind(void * r) {
+   copyIfWalked();
    setRegistered(r, false);
    for (uint32_t i = nreg_; i < nbound_; ++i) {
       if (data_[i] == r) {
@@ -126,7 +190,7 @@ void ReactorList::unbind(void * r) {
       }
    }
    if (nbound_ == 0) {
-      ::operator delete(data_);
+      release(data_);
       data_ = nullptr;
       cap_ = 0;
    }
@@ -140,6 +204,7 @@ void ReactorList::setRegistered(void * r, bool registered) {
    if (i == nbound_) return;
    bool is = i < nreg_;
    if (is == registered) return;
+   copyIfWalked();
    if (registered) {
       std::memmove(&data_[nreg_ + 1], &data_[nreg_], (i - nreg_) * sizeof(void *));
       data_[nreg_] = r;
@@ -231,7 +296,7 @@ void Entity::zeroReferencesIs(bool z) {
       bound.emplace_back(static_cast<Entity::NotifieeConst *>(reactors_.data_[i]));
    }
    for (auto & r : bound) {
-      if (r->references() == 1) continue;  // released meanwhile
+      if (r->references() == 1 || r->kelDying()) continue;  // released meanwhile
       try {
          r->onZeroReferences();
       } catch (...) {

@@ -28,16 +28,24 @@ class PtrInterface::NotifieeConst : public PtrInterface {
    virtual void onZeroReferences() {}
    // A callback of this reactor threw while attribute `id` was notified.
    virtual void onNotificationException(AttributeId) {}
+
+ protected:
+   bool kelDeletionWaitsForWalks() const override { return true; }
 };
 
 // The registered reactors of one entity. Bound reactors are kept in one
 // array with the registered ones first, in registration order.
+//
+// Notification walks the array in place. An array that a running walk reads
+// is never changed: the first change during the walk moves the list to a
+// copy and the walked array is freed when the thread's walks are over, so a
+// walk sees exactly the reactors registered when it started.
 class ReactorList {
  public:
    ReactorList() = default;
    ReactorList(ReactorList const &) = delete;
    ReactorList & operator=(ReactorList const &) = delete;
-   ~ReactorList() { ::operator delete(data_); }
+   ~ReactorList() { release(data_); }
 
    uint32_t registered() const { return nreg_; }
    uint32_t bound() const { return nbound_; }
@@ -48,6 +56,12 @@ class ReactorList {
    void bind(Entity * owner, void * r, bool registered);
    void unbind(void * r);
    void setRegistered(void * r, bool registered);
+   // Before a change: leaves an array that a walk reads to that walk.
+   void copyIfWalked() {
+      if (walkers_) copyForChange();
+   }
+   void copyForChange();
+   void release(void ** d);
 
    void ** data_ = nullptr;
    uint16_t nreg_ = 0;
@@ -55,6 +69,8 @@ class ReactorList {
    uint16_t cap_ = 0;
    // Flags of the owning entity, kept here where the word has room.
    uint8_t ownerFlags_ = 0;
+   // Running walks that read data_ (not an earlier array).
+   uint8_t walkers_ = 0;
 };
 
 // Strong references to the registered reactors at one instant.
@@ -159,9 +175,10 @@ class Entity : public PtrInterface {
    }
    bool kelHasReactors() const { return reactors_.registered() != 0; }
 
-   // Calls (reactor->*Fn)(args...) on a snapshot of the registered reactors
-   // that are of at least type N (a reactor of a base type bound to a
-   // derived entity has no callback for the derived type's attributes).
+   // Calls (reactor->*Fn)(args...) on the reactors registered when it is
+   // called that are of at least type N (a reactor of a base type bound to
+   // a derived entity has no callback for the derived type's attributes),
+   // skipping those released meanwhile.
    template <class N, auto Fn, class... A>
    [[gnu::noinline]] void kelNotify(AttributeId id, A const &... args) const;
 
@@ -177,6 +194,12 @@ class Entity : public PtrInterface {
  private:
    friend class NotifieeConst;
    static constexpr uint8_t readOnlyFlag = 1;
+   template <class N, auto Fn, class... A>
+   static void kelCall(Entity::NotifieeConst * r, AttributeId id, A const &... args);
+   // With thread-safe counts: a counted snapshot of the list, as another
+   // thread may drop a reactor at any time.
+   template <class N, auto Fn, class... A>
+   void kelNotifySnapshot(AttributeId id, A const &... args) const;
    static void kelDeliverException(PtrInterface::NotifieeConst * r, AttributeId id);
    void kelRefuseWrite() const;
 
@@ -262,37 +285,77 @@ void const * kelFirstArg(K const & k) {
 }
 
 template <class N, auto Fn, class... A>
+inline void Entity::kelCall(Entity::NotifieeConst * r, AttributeId id, A const &... args) {
+   try {
+      if (r->kelGeneric()) {
+         r->kelOnAttribute(id, kelFirstArg(args...));
+      } else if (r->kelDepth() >= N::kelTypeDepth) {
+         (static_cast<N *>(r)->*Fn)(args...);
+      }
+   } catch (...) {
+      kelDeliverException(r, id);
+   }
+}
+
+template <class N, auto Fn, class... A>
 void Entity::kelNotify(AttributeId id, A const &... args) const {
+   if (detail::threadSafePointers || reactors_.walkers_ == 0xff) [[unlikely]] {
+      kelNotifySnapshot<N, Fn>(id, args...);
+      return;
+   }
    // Keep this entity alive across callbacks that may drop the last outside
-   // reference to it.
-   Kel::Ptr<Entity const> self(references() ? this : nullptr);
+   // reference to it (an entity no pointer holds yet is not counted).
+   bool counted = referencesPlain() != 0;
+   if (counted) referencesIncPlain();
    // A replica update's lifted refusal does not extend to what its
    // reactors write.
    void const * applying = detail::applyingReplicaEntity;
    if (applying) detail::applyingReplicaEntity = nullptr;
+   ++detail::notifyWalks.depth;
+   void * const * walked = reactors_.data_;
+   uint32_t n = reactors_.registered();
+   ++reactors_.walkers_;
+   {
+      // One scope for the whole walk: every callback runs inside it.
+      Expect expect(Exception::notificationId);
+      for (uint32_t i = 0; i < n; ++i) {
+         auto * r = static_cast<Entity::NotifieeConst *>(walked[i]);
+         uint32_t refs = r->referencesPlain();
+         if (refs - 1 >= PtrInterface::dyingReferences - 1) [[unlikely]] {
+            // Released meanwhile, its deletion waiting for the walk to end;
+            // or never held, and freed now as a released one would be.
+            if (refs == 0) {
+               r->referencesIncPlain();
+               r->referencesDecPlain();
+            }
+            continue;
+         }
+         kelCall<N, Fn>(r, id, args...);
+      }
+   }
+   // A change during the walk moved the list to a new array, whose walkers
+   // are counted afresh.
+   if (reactors_.data_ == walked) --reactors_.walkers_;
+   if (--detail::notifyWalks.depth == 0 && detail::notifyWalks.pending) {
+      detail::notifyWalksEnded();
+   }
+   if (applying) detail::applyingReplicaEntity = applying;
+   if (counted) referencesDecPlain();
+}
+
+template <class N, auto Fn, class... A>
+void Entity::kelNotifySnapshot(AttributeId id, A const &... args) const {
+   Kel::Ptr<Entity const> self(references() ? this : nullptr);
+   void const * applying = detail::applyingReplicaEntity;
+   if (applying) detail::applyingReplicaEntity = nullptr;
    SnapshotIterator snap(reactors_);
-   bool plain = !detail::threadSafePointers;
-   // One scope for the whole walk: every callback runs inside it.
    Expect expect(Exception::notificationId);
    for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
       auto * r = static_cast<Entity::NotifieeConst *>(snap.take(i));
-      // Only the snapshot holds it: released or deregistered meanwhile.
-      if (r->references() != 1) {
-         try {
-            if (r->kelGeneric()) {
-               r->kelOnAttribute(id, kelFirstArg(args...));
-            } else if (r->kelDepth() >= N::kelTypeDepth) {
-               (static_cast<N *>(r)->*Fn)(args...);
-            }
-         } catch (...) {
-            kelDeliverException(r, id);
-         }
-      }
-      if (plain) {
-         r->referencesDecPlain();
-      } else {
-         r->referencesDec();
-      }
+      // Only the snapshot holds it, or its deletion waits for an outer
+      // walk: released meanwhile.
+      if (r->references() != 1 && !r->kelDying()) kelCall<N, Fn>(r, id, args...);
+      r->referencesDec();
    }
    if (applying) detail::applyingReplicaEntity = applying;
 }

@@ -19,7 +19,19 @@ extern bool threadSafePointers;
 // The replica entity a replication stream is applying an update to: its
 // refusal of writes is lifted for that update only (not for other
 // entities, and not for the reactors the update notifies).
-extern thread_local void const * applyingReplicaEntity;
+extern constinit thread_local void const * applyingReplicaEntity
+    __attribute__((tls_model("initial-exec")));
+// Notification walks on this thread that read a reactor list in place
+// (Entity::kelNotify). While any runs, a walked reactor list changes by
+// copy and a reactor whose last reference goes is deleted only when the
+// walks are over; `pending` says that something waits for that moment.
+struct NotifyWalks {
+   uint32_t depth = 0;
+   bool pending = false;
+};
+extern constinit thread_local NotifyWalks notifyWalks __attribute__((tls_model("initial-exec")));
+// Frees what the walks kept: replaced reactor arrays, released reactors.
+void notifyWalksEnded();
 } // namespace detail
 
 // A counted object. The count starts at 0; the first Ptr takes it to 1.
@@ -68,12 +80,24 @@ class PtrInterface {
    // Entities tell their reactors here (onZeroReferences).
    virtual void zeroReferencesIs(bool) {}
 
+   // The count of an object whose last reference has gone: it is being
+   // deleted, or its deletion waits for the end of a notification.
+   static constexpr uint32_t dyingReferences = 1u << 30;
+   bool kelDying() const { return references() >= dyingReferences; }
+   // The count for callers that know counts are plain integers.
+   uint32_t referencesPlain() const { return refs_; }
+
    // Allocation goes through the runtime so that it can be counted and
    // replaced in one place.
    static void * operator new(size_t n);
    // Sized: the virtual destructor passes the size of the whole object.
    static void operator delete(void * p, size_t n) noexcept;
    static void * operator new(size_t, void * where) noexcept { return where; }
+
+ protected:
+   // Whether deletion waits while a notification walk runs on this thread
+   // (reactors: a walk may still read them).
+   virtual bool kelDeletionWaitsForWalks() const { return false; }
 
  private:
    void kelLastReferenceGone();
