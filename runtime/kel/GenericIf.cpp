@@ -123,62 +123,42 @@ Kel::Ptr<GenericIterator> GenericIf::attributeIteratorConst(AttributeId id) cons
    return d->iterate(instance());
 }
 
-namespace {
-
-// A result box on the stack, with the one counted pointer handed to
-// attributeOp. The pointer's reference is never dropped (it is released
-// unchanged), so nothing can bring the count to zero and free the box.
-struct StackResult {
-   ~StackResult() { p.release(); }
-   GenericIf::Result box;
-   Kel::Ptr<GenericIf::Result> p{&box};
-   Kel::Ptr<GenericIf::Result> const & ptr() const { return p; }
-};
-
-} // namespace
+using detail::StackResult;
 
 GenericIf::Ptr GenericIf::attribute(String8 const & name) {
    StackResult r;
-   attributeOp(AttributeOp{AttributeOp::get, idOf(type(), name)}, nullptr, r.ptr());
+   attributeOp(AttributeOp{AttributeOp::get, idOf(type(), name)}, nullptr, r.p);
    return r.box.valTake();
-}
-
-GenericIf::Ptr GenericIf::attribute(AttributeId id) {
-   StackResult r;
-   attributeOp(AttributeOp{AttributeOp::get, id}, nullptr, r.ptr());
-   return r.box.valTake();
-}
-
-void GenericIf::attributeIs(AttributeId id, PtrConst const & v) {
-   attributeOp(AttributeOp{AttributeOp::set, id}, v, nullptr);
 }
 
 void GenericIf::attributeIs(String8 const & name, PtrConst const & v) {
-   attributeOp(AttributeOp{AttributeOp::set, idOf(type(), name)}, v, nullptr);
+   attributeOp(AttributeOp{AttributeOp::set, idOf(type(), name)}, v, detail::noResult);
 }
 
 GenericIf::Ptr GenericIf::attributeAt(String8 const & name, PtrConst const & key) {
    StackResult r;
-   attributeOp(AttributeOp{AttributeOp::index, idOf(type(), name)}, key, r.ptr());
+   attributeOp(AttributeOp{AttributeOp::index, idOf(type(), name)}, key, r.p);
    return r.box.valTake();
 }
 
 namespace detail {
 
+constinit thread_local GenericIf * spareValues[spareSlots]
+    __attribute__((tls_model("initial-exec"))) = {};
+
 namespace {
 
-// The thread's spare boxes, released when the thread ends. A value made
-// after that (by another thread-exit handler) gets a box of its own.
+// Releases the thread's spare boxes when it ends. A value made after that
+// (by another thread-exit handler) gets a box of its own.
 enum class SpareState : uint8_t { none, kept, released };
 thread_local SpareState spareState __attribute__((tls_model("initial-exec"))) = SpareState::none;
 
-struct SpareValues {
-   std::vector<GenericIf **> slots;
-   ~SpareValues() {
+struct SpareRelease {
+   ~SpareRelease() {
       spareState = SpareState::released;
-      for (GenericIf ** s : slots) {
-         GenericIf * v = *s;
-         *s = nullptr;
+      for (GenericIf *& s : spareValues) {
+         GenericIf * v = s;
+         s = nullptr;
          if (v) v->referencesDec();
       }
    }
@@ -186,19 +166,20 @@ struct SpareValues {
 
 } // namespace
 
-GenericIf::Ptr spareValueIs(GenericIf ** slot, GenericIf * fresh) {
+GenericIf::Ptr spareValueIs(int slot, GenericIf * fresh) {
    GenericIf::Ptr r(fresh);
    if (spareState == SpareState::released) return r;
-   static thread_local SpareValues spares;
-   spareState = SpareState::kept;
-   if (GenericIf * old = *slot) {
-      *slot = nullptr;
+   if (spareState == SpareState::none) {
+      static thread_local SpareRelease release;
+      spareState = SpareState::kept;
+   }
+   GenericIf *& s = spareValues[slot];
+   if (GenericIf * old = s) {
+      s = nullptr;
       old->referencesDec();
-   } else {
-      spares.slots.push_back(slot);
    }
    fresh->referencesInc();
-   *slot = fresh;
+   s = fresh;
    return r;
 }
 

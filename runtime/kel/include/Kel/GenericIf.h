@@ -52,9 +52,10 @@ class GenericIf : public PtrInterface {
    void attributeIs(String8 const & name, PtrConst const & v);
    Ptr attributeAt(String8 const & name, PtrConst const & key);
    // The same by identifier, for callers that look the name up once
-   // (attributeId) and then read or write many times.
-   Ptr attribute(AttributeId id);
-   void attributeIs(AttributeId id, PtrConst const & v);
+   // (attributeId) and then read or write many times; in line, so that
+   // such a call costs the one virtual call of attributeOp.
+   inline Ptr attribute(AttributeId id);
+   inline void attributeIs(AttributeId id, PtrConst const & v);
 
    [[noreturn]] static void throwConstException(const char * text);
    [[noreturn]] static void throwTypeException(String8 const & attr);
@@ -113,6 +114,28 @@ inline void GenericIf::attributeOpQuick(KelType const * t, void * obj, Attribute
       }
    }
    return attributeOpOn(t, obj, op, arg, result);
+}
+
+namespace detail {
+// A result box on the stack, with the one counted pointer handed to
+// attributeOp. The pointer's reference is never dropped (it is released
+// unchanged), so nothing can bring the count to zero and free the box.
+struct StackResult {
+   ~StackResult() { p.release(); }
+   GenericIf::Result box;
+   Kel::Ptr<GenericIf::Result> p{&box};
+};
+inline Kel::Ptr<GenericIf::Result> const noResult;
+} // namespace detail
+
+inline GenericIf::Ptr GenericIf::attribute(AttributeId id) {
+   detail::StackResult r;
+   attributeOp(AttributeOp{AttributeOp::get, id}, nullptr, r.p);
+   return r.box.valTake();
+}
+
+inline void GenericIf::attributeIs(AttributeId id, PtrConst const & v) {
+   attributeOp(AttributeOp{AttributeOp::set, id}, v, detail::noResult);
 }
 
 // A list of generic values (constructor arguments, call arguments).
@@ -220,12 +243,14 @@ class GenericEntity : public GenericEntityBase {
 
 // ---- conversions between typed values and generic ones -----------------------------------
 
-// Scalar results (numbers, flags, enumerations) come and go at every
-// reflective read. Each thread keeps one box per scalar type: when nobody
-// but the thread holds it, the next value goes into it instead of a new
-// box, so a read and its release cost two count changes and no allocation
-// or deletion. Under AddressSanitizer every value gets its own box, so that
-// a use after release is still caught.
+// Results of the built-in number and flag types come and go at every
+// reflective read. Each thread keeps one box per such type: when nobody but
+// the thread holds it, the next value goes into it instead of a new box, so
+// a read and its release cost two count changes and no allocation or
+// deletion. The boxes sit in one fixed array in initial-exec thread storage
+// (a process that loads the library with dlopen has little of it to give).
+// Under AddressSanitizer every value gets its own box, so that a use after
+// release is still caught.
 #if defined(__SANITIZE_ADDRESS__)
 #define KEL_NO_SPARE_VALUES 1
 #elif defined(__has_feature)
@@ -235,15 +260,30 @@ class GenericEntity : public GenericEntityBase {
 #endif
 
 namespace detail {
+// The slot of T's spare box; -1 for types that have none.
 template <class T>
-constexpr bool spareValueType = std::is_arithmetic_v<T> || std::is_enum_v<T>;
-// This thread's spare box for T (a GenericValue<T>), holding one reference.
-template <class T>
-inline thread_local GenericIf * spareValue __attribute__((tls_model("initial-exec"))) = nullptr;
+constexpr int spareSlot = -1;
+template <> inline constexpr int spareSlot<bool> = 0;
+template <> inline constexpr int spareSlot<uint8_t> = 1;
+template <> inline constexpr int spareSlot<uint16_t> = 2;
+template <> inline constexpr int spareSlot<uint32_t> = 3;
+template <> inline constexpr int spareSlot<unsigned long> = 4;
+template <> inline constexpr int spareSlot<unsigned long long> = 5;
+template <> inline constexpr int spareSlot<int8_t> = 6;
+template <> inline constexpr int spareSlot<int16_t> = 7;
+template <> inline constexpr int spareSlot<int32_t> = 8;
+template <> inline constexpr int spareSlot<long> = 9;
+template <> inline constexpr int spareSlot<long long> = 10;
+template <> inline constexpr int spareSlot<double> = 11;
+constexpr int spareSlots = 12;
+// This thread's spare boxes (slot spareSlot<T> is a GenericValue<T>), each
+// holding one reference.
+extern constinit thread_local GenericIf * spareValues[spareSlots]
+    __attribute__((tls_model("initial-exec")));
 // Makes `fresh` the thread's spare in `slot` (dropping the previous one,
 // which is still in use) and returns it; the spares are released when the
 // thread ends.
-GenericIf::Ptr spareValueIs(GenericIf ** slot, GenericIf * fresh);
+GenericIf::Ptr spareValueIs(int slot, GenericIf * fresh);
 } // namespace detail
 
 template <class T>
@@ -261,13 +301,13 @@ GenericIf::Ptr toGeneric(T const & v) {
           new GenericEntity<E>(Kel::Ptr<E>(const_cast<E *>(v.ptr())), std::is_const_v<typename IsPtr<T>::Target>));
    } else {
 #ifndef KEL_NO_SPARE_VALUES
-      if constexpr (detail::spareValueType<T>) {
-         GenericIf * s = detail::spareValue<T>;
+      if constexpr (detail::spareSlot<T> >= 0) {
+         GenericIf * s = detail::spareValues[detail::spareSlot<T>];
          if (s && s->references() == 1) {
             static_cast<GenericValue<T> *>(s)->valIs(v);
             return GenericIf::Ptr(s);
          }
-         return detail::spareValueIs(&detail::spareValue<T>, new GenericValue<T>(v));
+         return detail::spareValueIs(detail::spareSlot<T>, new GenericValue<T>(v));
       }
 #endif
       return GenericIf::Ptr(new GenericValue<T>(v));
