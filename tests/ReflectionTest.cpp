@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <thread>
+
 using namespace Interface;
 using Kel::GenericIf;
 using Kel::String8;
@@ -114,6 +116,38 @@ TEST(Reflection, EntitySetGoesThroughTheMutator) {
    EXPECT_EQ(errorOf([&] { ro.attributeIs(count, gen(uint32_t(1))); }), "attempting to modify a const instance");
    EXPECT_NE(errorOf([&] { g.attribute(Kel::AttributeId(9999)); }).find("has no such attribute: 9999"),
              std::string::npos);
+}
+
+// Scalar results share a per-thread box once their holders let go of it:
+// a result still held keeps its value, and one made by a thread outlives
+// the thread.
+TEST(Reflection, ReadResultsKeepTheirValuesWhileHeld) {
+   auto thing = Kel::makePtr<Thing>(1);
+   Thing::GenericIf_ g(thing);
+   Kel::AttributeId count = g.attributeId("count");
+   thing->countIs(3);
+   GenericIf::Ptr first = g.attribute(count);
+   thing->countIs(4);
+   GenericIf::Ptr second = g.attribute("count");
+   EXPECT_NE(first.ptr(), second.ptr());
+   EXPECT_EQ(val<uint32_t>(first), 3u);
+   EXPECT_EQ(val<uint32_t>(second), 4u);
+   first = nullptr;
+   thing->countIs(5);
+   EXPECT_EQ(val<uint32_t>(g.attribute(count)), 5u);
+   EXPECT_EQ(val<uint32_t>(g.attribute("doubled")), 10u);
+   EXPECT_EQ(val<uint32_t>(second), 4u);
+   // A result written over through its own wrapper stays the caller's.
+   auto mine = Kel::dynamicCast<Kel::GenericValue<uint32_t>>(g.attribute(count));
+   ASSERT_TRUE(mine);
+   mine->valIs(77);
+   EXPECT_EQ(val<uint32_t>(g.attribute(count)), 5u);
+   EXPECT_EQ(mine->value(), 77u);
+
+   GenericIf::Ptr fromThread;
+   std::thread([&] { fromThread = g.attribute(count); }).join();
+   EXPECT_EQ(val<uint32_t>(fromThread), 5u);
+   EXPECT_EQ(fromThread->references(), 1u);  // the ended thread holds none
 }
 
 TEST(Reflection, EntityPointerAttributesCheckTheTargetType) {

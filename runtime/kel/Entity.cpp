@@ -77,8 +77,10 @@ namespace {
 // deleted: deleted by the outermost deletion, one after the other, so that
 // a long chain of owners (a directory in a directory in ...) never costs
 // one stack frame per link.
-thread_local bool deleting = false;
-thread_local std::vector<PtrInterface *> * dying = nullptr;
+// Initial-exec, as the pool's lists: every last release reads them, and the
+// general model costs a call into the dynamic linker in a shared library.
+thread_local bool deleting __attribute__((tls_model("initial-exec"))) = false;
+thread_local std::vector<PtrInterface *> * dying __attribute__((tls_model("initial-exec"))) = nullptr;
 
 // What notification walks keep until they are over: reactor arrays that
 // were replaced while walked, and reactors released during a walk.

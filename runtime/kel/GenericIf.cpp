@@ -42,17 +42,32 @@ void GenericIf::throwUnknownArgException(String8 const & type) {
    throwRangeException(String8("arguments do not fit the attributes of ") + type);
 }
 
+void GenericIf::checkValueType(GenericIf const & g, KelType const * t, const char * attr) {
+   if (g.type() != t) throwTypeException(attr);
+}
+
 void const * GenericIf::voidPtrIs(KelType const *) const { return nullptr; }
 
-AttributeId GenericIf::attributeId(String8 const & name) const {
-   AttrDesc const * d = type()->attribute(name.view());
-   if (!d) throwUnknownAttrException(shortTypeName(type()->name().charPtr()), name);
+namespace {
+
+// attributeId without a call through the library's symbol table.
+inline AttributeId idOf(KelType const * t, String8 const & name) {
+   AttrDesc const * d = t->attribute(name.view());
+   if (!d) GenericIf::throwUnknownAttrException(shortTypeName(t->name().charPtr()), name);
    return d->id;
 }
 
+} // namespace
+
+AttributeId GenericIf::attributeId(String8 const & name) const { return idOf(type(), name); }
+
 void GenericIf::attributeOp(AttributeOp const & op, PtrConst const & arg,
                             Kel::Ptr<Result> const & result) {
-   KelType const * t = type();
+   attributeOpOn(type(), instance(), op, arg, result);
+}
+
+void GenericIf::attributeOpOn(KelType const * t, void * obj, AttributeOp const & op,
+                              PtrConst const & arg, Kel::Ptr<Result> const & result) {
    AttrDesc const * d = t->attribute(op.attr);
    if (!d) {
       throwUnknownAttrException(shortTypeName(t->name().charPtr()),
@@ -66,7 +81,6 @@ void GenericIf::attributeOp(AttributeOp const & op, PtrConst const & arg,
         op.op == AttributeOp::del) && !collection) {
       throwBadIndexAttrException(d->name);
    }
-   void * obj = instance();
    switch (op.op) {
       case AttributeOp::get:
          if (!d->get) throwOpNotSupportedException(d->name, op.op, false);
@@ -109,43 +123,67 @@ Kel::Ptr<GenericIterator> GenericIf::attributeIteratorConst(AttributeId id) cons
    return d->iterate(instance());
 }
 
-namespace {
-
-// A result box on the stack: one reference of its own, so that the counted
-// pointers handed to attributeOp never free it.
-struct StackResult {
-   StackResult() { box.referencesInc(); }
-   GenericIf::Result box;
-   Kel::Ptr<GenericIf::Result> ptr() { return Kel::Ptr<GenericIf::Result>(&box); }
-};
-
-} // namespace
+using detail::StackResult;
 
 GenericIf::Ptr GenericIf::attribute(String8 const & name) {
    StackResult r;
-   attributeOp(AttributeOp{AttributeOp::get, attributeId(name)}, nullptr, r.ptr());
-   return r.box.val();
-}
-
-GenericIf::Ptr GenericIf::attribute(AttributeId id) {
-   StackResult r;
-   attributeOp(AttributeOp{AttributeOp::get, id}, nullptr, r.ptr());
-   return r.box.val();
-}
-
-void GenericIf::attributeIs(AttributeId id, PtrConst const & v) {
-   attributeOp(AttributeOp{AttributeOp::set, id}, v, nullptr);
+   attributeOp(AttributeOp{AttributeOp::get, idOf(type(), name)}, nullptr, r.p);
+   return r.box.valTake();
 }
 
 void GenericIf::attributeIs(String8 const & name, PtrConst const & v) {
-   attributeOp(AttributeOp{AttributeOp::set, attributeId(name)}, v, nullptr);
+   attributeOp(AttributeOp{AttributeOp::set, idOf(type(), name)}, v, detail::noResult);
 }
 
 GenericIf::Ptr GenericIf::attributeAt(String8 const & name, PtrConst const & key) {
    StackResult r;
-   attributeOp(AttributeOp{AttributeOp::index, attributeId(name)}, key, r.ptr());
-   return r.box.val();
+   attributeOp(AttributeOp{AttributeOp::index, idOf(type(), name)}, key, r.p);
+   return r.box.valTake();
 }
+
+namespace detail {
+
+constinit thread_local GenericIf * spareValues[spareSlots]
+    __attribute__((tls_model("initial-exec"))) = {};
+
+namespace {
+
+// Releases the thread's spare boxes when it ends. A value made after that
+// (by another thread-exit handler) gets a box of its own.
+enum class SpareState : uint8_t { none, kept, released };
+thread_local SpareState spareState __attribute__((tls_model("initial-exec"))) = SpareState::none;
+
+struct SpareRelease {
+   ~SpareRelease() {
+      spareState = SpareState::released;
+      for (GenericIf *& s : spareValues) {
+         GenericIf * v = s;
+         s = nullptr;
+         if (v) v->referencesDec();
+      }
+   }
+};
+
+} // namespace
+
+GenericIf::Ptr spareValueIs(int slot, GenericIf * fresh) {
+   GenericIf::Ptr r(fresh);
+   if (spareState == SpareState::released) return r;
+   if (spareState == SpareState::none) {
+      static thread_local SpareRelease release;
+      spareState = SpareState::kept;
+   }
+   GenericIf *& s = spareValues[slot];
+   if (GenericIf * old = s) {
+      s = nullptr;
+      old->referencesDec();
+   }
+   fresh->referencesInc();
+   s = fresh;
+   return r;
+}
+
+} // namespace detail
 
 KelType const * GenericIf::List::type() const {
    static KelType const t("Kel::GenericIf::List", KelType::Kind::builtin, nullptr, 0);

@@ -54,18 +54,22 @@ AttrDesc const * KelType::attributeSlow(AttributeId id) const {
 
 void KelType::attributesDone() {
    byName_.clear();
+   names_.clear();
+   for (auto const & a : attrs_) names_.emplace_back(a.name ? a.name : "");
    // Small types are searched directly, which is faster than hashing.
    if (attrs_.size() <= 16) return;
    for (uint32_t i = 0; i < attrs_.size(); ++i) byName_.emplace(attrs_[i].name, i);
 }
 
-AttrDesc const * KelType::attribute(std::string_view name) const {
+AttrDesc const * KelType::attributeByNameSlow(std::string_view name) const {
    if (!byName_.empty()) {
       auto it = byName_.find(name);
       return it == byName_.end() ? nullptr : &attrs_[it->second];
    }
+   // No table: an empty name, or attributes not yet declared complete.
+   if (name.empty()) return nullptr;
    for (auto const & a : attrs_) {
-      if (!name.empty() && a.name[0] == name[0] && name == a.name) return &a;
+      if (a.name && name == a.name) return &a;
    }
    return nullptr;
 }

@@ -13,6 +13,7 @@
 #include <Kel/Type.h>
 
 #include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 namespace Kel {
@@ -51,9 +52,10 @@ class GenericIf : public PtrInterface {
    void attributeIs(String8 const & name, PtrConst const & v);
    Ptr attributeAt(String8 const & name, PtrConst const & key);
    // The same by identifier, for callers that look the name up once
-   // (attributeId) and then read or write many times.
-   Ptr attribute(AttributeId id);
-   void attributeIs(AttributeId id, PtrConst const & v);
+   // (attributeId) and then read or write many times; in line, so that
+   // such a call costs the one virtual call of attributeOp.
+   inline Ptr attribute(AttributeId id);
+   inline void attributeIs(AttributeId id, PtrConst const & v);
 
    [[noreturn]] static void throwConstException(const char * text);
    [[noreturn]] static void throwTypeException(String8 const & attr);
@@ -61,10 +63,21 @@ class GenericIf : public PtrInterface {
    [[noreturn]] static void throwBadIndexAttrException(String8 const & attr);
    [[noreturn]] static void throwOpNotSupportedException(String8 const & attr, int opId, bool);
    [[noreturn]] static void throwUnknownArgException(String8 const & type);
+   // Throws the type exception for `attr` unless `g` is of type `t`.
+   static void checkValueType(GenericIf const & g, KelType const * t, const char * attr);
 
  protected:
    // The instance the descriptors operate on.
    virtual void * instance() const = 0;
+   // attributeOp on a given type object and instance: wrappers that know
+   // both without a virtual call override attributeOp with it.
+   void attributeOpOn(KelType const * t, void * obj, AttributeOp const & op, PtrConst const & arg,
+                      Kel::Ptr<Result> const & result);
+   // The same with the common cases inline: a get, or a set on a writable
+   // wrapper, of an attribute that supports it. Everything else, errors
+   // included, goes to attributeOpOn.
+   void attributeOpQuick(KelType const * t, void * obj, AttributeOp const & op,
+                         PtrConst const & arg, Kel::Ptr<Result> const & result);
 
  private:
    bool const_;
@@ -75,10 +88,55 @@ class GenericIf::Result : public PtrInterface {
  public:
    Ptr val() const { return v_; }
    void valIs(Ptr v) { v_ = std::move(v); }
+   // The value, leaving the box empty.
+   Ptr valTake() { return std::move(v_); }
 
  private:
    Ptr v_;
 };
+
+namespace detail {
+// The get of attributeOpQuick, apart so that every path there ends in a
+// tail call and the common cases save no registers.
+[[gnu::noinline]] inline void attributeGetInto(GenericIf::Result & r, AttrDesc const * d,
+                                               void const * obj) {
+   r.valIs(d->get(obj));
+}
+} // namespace detail
+
+inline void GenericIf::attributeOpQuick(KelType const * t, void * obj, AttributeOp const & op,
+                                        PtrConst const & arg, Kel::Ptr<Result> const & result) {
+   if (AttrDesc const * d = t->attributeAtIndex(op.attr)) {
+      if (op.op == AttributeOp::set) {
+         if (d->set && arg && !const_) return d->set(obj, *arg);
+      } else if (op.op == AttributeOp::get && d->get && result) {
+         return detail::attributeGetInto(*result, d, obj);
+      }
+   }
+   return attributeOpOn(t, obj, op, arg, result);
+}
+
+namespace detail {
+// A result box on the stack, with the one counted pointer handed to
+// attributeOp. The pointer's reference is never dropped (it is released
+// unchanged), so nothing can bring the count to zero and free the box.
+struct StackResult {
+   ~StackResult() { p.release(); }
+   GenericIf::Result box;
+   Kel::Ptr<GenericIf::Result> p{&box};
+};
+inline Kel::Ptr<GenericIf::Result> const noResult;
+} // namespace detail
+
+inline GenericIf::Ptr GenericIf::attribute(AttributeId id) {
+   detail::StackResult r;
+   attributeOp(AttributeOp{AttributeOp::get, id}, nullptr, r.p);
+   return r.box.valTake();
+}
+
+inline void GenericIf::attributeIs(AttributeId id, PtrConst const & v) {
+   attributeOp(AttributeOp{AttributeOp::set, id}, v, detail::noResult);
+}
 
 // A list of generic values (constructor arguments, call arguments).
 class GenericIf::List : public GenericIf {
@@ -132,6 +190,10 @@ class GenericValue : public GenericIf {
    void const * voidPtrIs(KelType const * t) const override {
       return type()->isA(t) ? &v_ : nullptr;
    }
+   void attributeOp(AttributeOp const & op, PtrConst const & arg,
+                    Kel::Ptr<Result> const & result) override {
+      attributeOpQuick(typeOf<T>(), &v_, op, arg, result);
+   }
 
  protected:
    void * instance() const override { return const_cast<T *>(&v_); }
@@ -155,10 +217,15 @@ template <class E>
 class GenericEntity : public GenericEntityBase {
  public:
    explicit GenericEntity(Kel::Ptr<E> e, bool isConst = false)
-         : GenericEntityBase(isConst), e_(std::move(e)) {}
+         : GenericEntityBase(isConst), e_(std::move(e)),
+           type_(e_ ? e_->fwkType() : E::_fwkType()) {}
    Kel::Ptr<E> const & entity() const { return e_; }
    Entity * entityRaw() const override { return e_.ptr(); }
-   KelType const * type() const override { return e_ ? e_->fwkType() : E::_fwkType(); }
+   KelType const * type() const override { return type_; }
+   void attributeOp(AttributeOp const & op, PtrConst const & arg,
+                    Kel::Ptr<Result> const & result) override {
+      attributeOpQuick(type_, static_cast<Entity *>(e_.ptr()), op, arg, result);
+   }
    String8 strRep() const override { return e_ ? e_->fullName() : String8("None"); }
    Ptr clone() const override { return Ptr(new GenericEntity(e_, isConst())); }
    void const * voidPtrIs(KelType const * t) const override {
@@ -170,9 +237,54 @@ class GenericEntity : public GenericEntityBase {
 
  private:
    Kel::Ptr<E> e_;
+   // The entity's type, fixed for the wrapper's life (the entity is).
+   KelType const * type_;
 };
 
 // ---- conversions between typed values and generic ones -----------------------------------
+
+// Results of the built-in number and flag types come and go at every
+// reflective read. Each thread keeps one box per such type: when nobody but
+// the thread holds it, the next value goes into it instead of a new box, so
+// a read and its release cost two count changes and no allocation or
+// deletion. The boxes sit in one fixed array in initial-exec thread storage
+// (a process that loads the library with dlopen has little of it to give).
+// Under AddressSanitizer every value gets its own box, so that a use after
+// release is still caught.
+#if defined(__SANITIZE_ADDRESS__)
+#define KEL_NO_SPARE_VALUES 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KEL_NO_SPARE_VALUES 1
+#endif
+#endif
+
+namespace detail {
+// The slot of T's spare box; -1 for types that have none.
+template <class T>
+constexpr int spareSlot = -1;
+template <> inline constexpr int spareSlot<bool> = 0;
+template <> inline constexpr int spareSlot<uint8_t> = 1;
+template <> inline constexpr int spareSlot<uint16_t> = 2;
+template <> inline constexpr int spareSlot<uint32_t> = 3;
+template <> inline constexpr int spareSlot<unsigned long> = 4;
+template <> inline constexpr int spareSlot<unsigned long long> = 5;
+template <> inline constexpr int spareSlot<int8_t> = 6;
+template <> inline constexpr int spareSlot<int16_t> = 7;
+template <> inline constexpr int spareSlot<int32_t> = 8;
+template <> inline constexpr int spareSlot<long> = 9;
+template <> inline constexpr int spareSlot<long long> = 10;
+template <> inline constexpr int spareSlot<double> = 11;
+constexpr int spareSlots = 12;
+// This thread's spare boxes (slot spareSlot<T> is a GenericValue<T>), each
+// holding one reference.
+extern constinit thread_local GenericIf * spareValues[spareSlots]
+    __attribute__((tls_model("initial-exec")));
+// Makes `fresh` the thread's spare in `slot` (dropping the previous one,
+// which is still in use) and returns it; the spares are released when the
+// thread ends.
+GenericIf::Ptr spareValueIs(int slot, GenericIf * fresh);
+} // namespace detail
 
 template <class T>
 struct IsPtr : std::false_type {};
@@ -188,6 +300,16 @@ GenericIf::Ptr toGeneric(T const & v) {
       return GenericIf::Ptr(
           new GenericEntity<E>(Kel::Ptr<E>(const_cast<E *>(v.ptr())), std::is_const_v<typename IsPtr<T>::Target>));
    } else {
+#ifndef KEL_NO_SPARE_VALUES
+      if constexpr (detail::spareSlot<T> >= 0) {
+         GenericIf * s = detail::spareValues[detail::spareSlot<T>];
+         if (s && s->references() == 1) {
+            static_cast<GenericValue<T> *>(s)->valIs(v);
+            return GenericIf::Ptr(s);
+         }
+         return detail::spareValueIs(detail::spareSlot<T>, new GenericValue<T>(v));
+      }
+#endif
       return GenericIf::Ptr(new GenericValue<T>(v));
    }
 }
@@ -206,8 +328,11 @@ T fromGeneric(GenericIf const & g, const char * attr) {
       if (!t) GenericIf::throwTypeException(attr);
       return T(t);
    } else {
-      // Only a GenericValue<T> reports T's type object.
-      if (g.type() != typeOf<T>()) GenericIf::throwTypeException(attr);
+      // Only a GenericValue<T> reports T's type object; the wrapper's own
+      // class is compared first, which needs no virtual call.
+      if (typeid(g) != typeid(GenericValue<T>)) [[unlikely]] {
+         GenericIf::checkValueType(g, typeOf<T>(), attr);
+      }
       return static_cast<GenericValue<T> const &>(g).value();
    }
 }

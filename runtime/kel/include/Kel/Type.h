@@ -134,13 +134,37 @@ class KelType {
    std::vector<AttrDesc> const & attributes() const { return attrs_; }
    // Identifiers are consecutive, so the look-up by identifier is an index.
    AttrDesc const * attribute(AttributeId id) const {
-      if (!attrs_.empty()) {
-         size_t i = size_t(id) - attrs_[0].id;
-         if (i < attrs_.size() && attrs_[i].id == id) return &attrs_[i];
-      }
+      if (AttrDesc const * d = attributeAtIndex(id)) return d;
       return attributeSlow(id);
    }
-   AttrDesc const * attribute(std::string_view name) const;
+   // The index alone, null when the attribute is not at its place (then
+   // attribute(id) searches): for paths that must call nothing else.
+   AttrDesc const * attributeAtIndex(AttributeId id) const {
+      if (attrs_.empty()) return nullptr;
+      AttrDesc const * b = attrs_.data();
+      // Bounded by byte distance, which needs no division by the
+      // descriptor's size; 32-bit offsets cannot overflow the product.
+      uint32_t i = id - b->id;
+      size_t bytes = reinterpret_cast<char const *>(b + attrs_.size()) -
+                     reinterpret_cast<char const *>(b);
+      return size_t(i) * sizeof(AttrDesc) < bytes && b[i].id == id ? &b[i] : nullptr;
+   }
+   // Small types are searched in line (lengths first, then bytes); larger
+   // ones through a hash of the name.
+   AttrDesc const * attribute(std::string_view name) const {
+      size_t n = name.size();
+      if (!byName_.empty() || names_.size() != attrs_.size() || n == 0) {
+         return attributeByNameSlow(name);
+      }
+      for (size_t i = 0; i < names_.size(); ++i) {
+         std::string_view a = names_[i];
+         if (a.size() != n) continue;
+         size_t k = 0;  // names are short: a byte loop beats a call to memcmp
+         while (k < n && a[k] == name[k]) ++k;
+         if (k == n) return &attrs_[i];
+      }
+      return nullptr;
+   }
    // Builds the look-up by name; the type's maker calls it once the
    // attributes are complete.
    void attributesDone();
@@ -167,7 +191,11 @@ class KelType {
 
  private:
    AttrDesc const * attributeSlow(AttributeId id) const;
+   AttrDesc const * attributeByNameSlow(std::string_view name) const;
    std::unordered_map<std::string_view, uint32_t> byName_;
+   // The attributes' names with their lengths, in attribute order: a
+   // search compares lengths before bytes and never measures a name.
+   std::vector<std::string_view> names_;
    String8 name_;
    Kind kind_;
    KelType const * base_;
