@@ -323,7 +323,8 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
          uint32_t refs = r->referencesPlain();
          if (refs - 1 >= PtrInterface::dyingReferences - 1) [[unlikely]] {
             // Released meanwhile, its deletion waiting for the walk to end;
-            // or never held, and freed now as a released one would be.
+            // or never held by anyone, and released here like one whose
+            // owner let it go.
             if (refs == 0) {
                r->referencesIncPlain();
                r->referencesDecPlain();
