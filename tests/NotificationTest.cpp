@@ -235,6 +235,35 @@ TEST_F(NotificationTest, NestedWriteFromACallbackWalksTheListAsItIsThen) {
    EXPECT_EQ(thing->count(), 3u);
 }
 
+TEST_F(NotificationTest, EveryCallbackRunsUnderTheNotificationExpectationAndItsOwnScopesHold) {
+   auto a = reactor("a"), b = reactor("b");
+   std::vector<int64_t> seen;
+   bool nested = false;
+   a->action = [&] {
+      seen.push_back(Kel::Expect::current());
+      Kel::Expect inner(Kel::Exception::rangeId);
+      seen.push_back(Kel::Expect::current());
+      if (!nested) {
+         nested = true;
+         thing->countIs(9);  // a walk inside the callback's own scope
+         seen.push_back(Kel::Expect::current());
+      }
+   };
+   b->action = [&] { seen.push_back(Kel::Expect::current()); };
+   {
+      // A caller's scope does not reach into the reactors it notifies.
+      Kel::Expect outer(Kel::Exception::rangeId);
+      thing->countIs(8);
+      seen.push_back(Kel::Expect::current());
+   }
+   seen.push_back(Kel::Expect::current());
+   int64_t const n = Kel::Exception::notificationId, range = Kel::Exception::rangeId;
+   // a (outer walk): n, then its own range scope; the nested walk calls a
+   // (n, range) and b (n); back in a's scope: range; then b (outer): n;
+   // the caller's scope, then none.
+   EXPECT_EQ(seen, (std::vector<int64_t>{n, range, n, range, n, range, n, range, -1}));
+}
+
 TEST_F(NotificationTest, EntityDeathTellsBoundReactorsAndUnbindsThem) {
    auto a = reactor("a");
    thing = nullptr;

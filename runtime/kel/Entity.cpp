@@ -11,8 +11,6 @@ namespace Kel {
 
 namespace detail {
 bool threadSafePointers = false;
-constinit thread_local void const * applyingReplicaEntity
-    __attribute__((tls_model("initial-exec"))) = nullptr;
 constinit thread_local NotifyWalks notifyWalks __attribute__((tls_model("initial-exec")));
 } // namespace detail
 
@@ -255,7 +253,8 @@ void Entity::kelReadOnlyProxyIs(std::shared_ptr<String8 const> const & peer) {
 }
 
 void Entity::kelRefuseWrite() const {
-   if (detail::applyingReplicaEntity == this) return;
+   auto const & w = detail::notifyWalks;
+   if (w.applying == this && w.applyingDepth == w.depth) return;
    auto it = proxyPeers().find(this);
    throwInternalException(String8("write-update from readonly proxy: ") + fullName() +
                           " peerName: " +

@@ -47,11 +47,17 @@ ssize_t readSome(int fd, std::string & into) {
 // Lifts the refusal of writes for one replica entity while an update is
 // applied to it.
 struct ApplyingUpdate {
-   explicit ApplyingUpdate(Entity const * e) : prev(detail::applyingReplicaEntity) {
-      detail::applyingReplicaEntity = e;
+   explicit ApplyingUpdate(Entity const * e)
+         : prev(detail::notifyWalks.applying), prevDepth(detail::notifyWalks.applyingDepth) {
+      detail::notifyWalks.applying = e;
+      detail::notifyWalks.applyingDepth = detail::notifyWalks.depth;
    }
-   ~ApplyingUpdate() { detail::applyingReplicaEntity = prev; }
+   ~ApplyingUpdate() {
+      detail::notifyWalks.applying = prev;
+      detail::notifyWalks.applyingDepth = prevDepth;
+   }
    void const * prev;
+   uint32_t prevDepth;
 };
 
 // Long peer-supplied texts are cut in traces and reasons.

@@ -7,7 +7,7 @@
 
 namespace Kel {
 
-constinit thread_local int64_t Expect::current_ = -1;
+constinit thread_local Expect::Scope Expect::current_ = {-1, 0};
 
 uint32_t hashBytes(const char * p, size_t n) {
    uint64_t h = 0x9e3779b97f4a7c15ULL ^ n;

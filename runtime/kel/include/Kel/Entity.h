@@ -307,50 +307,44 @@ void Entity::kelNotify(AttributeId id, A const &... args) const {
    // reference to it (an entity no pointer holds yet is not counted).
    bool counted = referencesPlain() != 0;
    if (counted) referencesIncPlain();
-   // A replica update's lifted refusal does not extend to what its
-   // reactors write.
-   void const * applying = detail::applyingReplicaEntity;
-   if (applying) detail::applyingReplicaEntity = nullptr;
-   ++detail::notifyWalks.depth;
+   // The walk's depth is also what keeps a replica update's lifted refusal
+   // and an expected-exception scope opened outside from reaching into the
+   // callbacks (Kel::Expect).
+   detail::NotifyWalks & walks = detail::notifyWalks;
+   ++walks.depth;
    void * const * walked = reactors_.data_;
    uint32_t n = reactors_.registered();
    ++reactors_.walkers_;
-   {
-      // One scope for the whole walk: every callback runs inside it.
-      Expect expect(Exception::notificationId);
-      for (uint32_t i = 0; i < n; ++i) {
-         auto * r = static_cast<Entity::NotifieeConst *>(walked[i]);
-         uint32_t refs = r->referencesPlain();
-         if (refs - 1 >= PtrInterface::dyingReferences - 1) [[unlikely]] {
-            // Released meanwhile, its deletion waiting for the walk to end;
-            // or never held by anyone, and released here like one whose
-            // owner let it go.
-            if (refs == 0) {
-               r->referencesIncPlain();
-               r->referencesDecPlain();
-            }
-            continue;
+   for (uint32_t i = 0; i < n; ++i) {
+      auto * r = static_cast<Entity::NotifieeConst *>(walked[i]);
+      uint32_t refs = r->referencesPlain();
+      if (refs - 1 >= PtrInterface::dyingReferences - 1) [[unlikely]] {
+         // Released meanwhile, its deletion waiting for the walk to end;
+         // or never held by anyone, and released here like one whose
+         // owner let it go.
+         if (refs == 0) {
+            r->referencesIncPlain();
+            r->referencesDecPlain();
          }
-         kelCall<N, Fn>(r, id, args...);
+         continue;
       }
+      kelCall<N, Fn>(r, id, args...);
    }
    // A change during the walk moved the list to a new array, whose walkers
    // are counted afresh.
    if (reactors_.data_ == walked) --reactors_.walkers_;
-   if (--detail::notifyWalks.depth == 0 && detail::notifyWalks.pending) {
-      detail::notifyWalksEnded();
-   }
-   if (applying) detail::applyingReplicaEntity = applying;
+   if (--walks.depth == 0 && walks.pending) detail::notifyWalksEnded();
    if (counted) referencesDecPlain();
 }
 
 template <class N, auto Fn, class... A>
 void Entity::kelNotifySnapshot(AttributeId id, A const &... args) const {
    Kel::Ptr<Entity const> self(references() ? this : nullptr);
-   void const * applying = detail::applyingReplicaEntity;
-   if (applying) detail::applyingReplicaEntity = nullptr;
    SnapshotIterator snap(reactors_);
-   Expect expect(Exception::notificationId);
+   // Counted as a walk for the scopes it must not extend (see kelNotify);
+   // its reactors are kept alive by the snapshot's own references.
+   detail::NotifyWalks & walks = detail::notifyWalks;
+   ++walks.depth;
    for (uint32_t i = 0, n = snap.size(); i < n; ++i) {
       auto * r = static_cast<Entity::NotifieeConst *>(snap.take(i));
       // Only the snapshot holds it, or its deletion waits for an outer
@@ -358,7 +352,7 @@ void Entity::kelNotifySnapshot(AttributeId id, A const &... args) const {
       if (r->references() != 1 && !r->kelDying()) kelCall<N, Fn>(r, id, args...);
       r->referencesDec();
    }
-   if (applying) detail::applyingReplicaEntity = applying;
+   if (--walks.depth == 0 && walks.pending) detail::notifyWalksEnded();
 }
 
 } // namespace Kel

@@ -2,6 +2,7 @@
 // constructor is one of these, with a fixed message text.
 #pragma once
 
+#include <Kel/Ptr.h>
 #include <Kel/String8.h>
 
 #include <cstdint>
@@ -99,20 +100,33 @@ class InternalException : public Exception {
                                              String8 const & attrName);
 
 // Scope guard naming the exception identifier that code inside the scope
-// expects (notification runs each reactor under Expect(0)). Nested scopes
-// restore the outer expectation on exit.
+// expects. Nested scopes restore the outer expectation on exit. A
+// notification runs each reactor as if under Expect(notificationId): the
+// walk does not open a scope per reactor, it is seen through its depth (a
+// walk deeper than the innermost scope expects notificationId).
 class Expect {
  public:
-   explicit Expect(Exception::Id id) : prev_(current_) { current_ = int64_t(id); }
+   explicit Expect(Exception::Id id) : prev_(current_) {
+      current_ = Scope{int64_t(id), detail::notifyWalks.depth};
+   }
    ~Expect() { current_ = prev_; }
    Expect(Expect const &) = delete;
    Expect & operator=(Expect const &) = delete;
    // The innermost expected identifier, or -1 outside any scope.
-   static int64_t current() { return current_; }
+   static int64_t current() {
+      if (detail::notifyWalks.depth > current_.walkDepth) {
+         return int64_t(Exception::notificationId);
+      }
+      return current_.id;
+   }
 
  private:
-   int64_t prev_;
-   static constinit thread_local int64_t current_ __attribute__((tls_model("initial-exec")));
+   struct Scope {
+      int64_t id;
+      uint32_t walkDepth;
+   };
+   Scope prev_;
+   static constinit thread_local Scope current_ __attribute__((tls_model("initial-exec")));
 };
 
 } // namespace Kel

@@ -16,18 +16,22 @@ namespace detail {
 // Set once by VFPtrInterface::enableThreadSafePointers(); read on every count
 // change. Counts are plain integers until then.
 extern bool threadSafePointers;
-// The replica entity a replication stream is applying an update to: its
-// refusal of writes is lifted for that update only (not for other
-// entities, and not for the reactors the update notifies).
-extern constinit thread_local void const * applyingReplicaEntity
-    __attribute__((tls_model("initial-exec")));
-// Notification walks on this thread that read a reactor list in place
-// (Entity::kelNotify). While any runs, a walked reactor list changes by
+// Notification walks on this thread (Entity::kelNotify), and what is
+// scoped by them. While any walk runs, a walked reactor list changes by
 // copy and a reactor whose last reference goes is deleted only when the
 // walks are over; `pending` says that something waits for that moment.
+// Scopes that must not reach into reactors (an expected exception, a lifted
+// replica refusal) record the depth they were opened at instead of being
+// saved and restored around every walk: a deeper walk is outside them.
 struct NotifyWalks {
    uint32_t depth = 0;
    bool pending = false;
+   // The replica entity a replication stream is applying an update to, and
+   // the walk depth it began at: its refusal of writes is lifted for that
+   // update only (not for other entities, and not for the reactors the
+   // update notifies).
+   uint32_t applyingDepth = 0;
+   void const * applying = nullptr;
 };
 extern constinit thread_local NotifyWalks notifyWalks __attribute__((tls_model("initial-exec")));
 // Frees what the walks kept: replaced reactor arrays, released reactors.
