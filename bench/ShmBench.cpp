@@ -137,8 +137,16 @@ bool sendAll(int fd, std::string const & s) {
 }
 
 std::string command(std::vector<std::string> const & args) {
-   std::string c = "*" + std::to_string(args.size()) + "\r\n";
-   for (auto const & a : args) c += "$" + std::to_string(a.size()) + "\r\n" + a + "\r\n";
+   std::string c = "*";
+   c += std::to_string(args.size());
+   c += "\r\n";
+   for (auto const & a : args) {
+      c += '$';
+      c += std::to_string(a.size());
+      c += "\r\n";
+      c += a;
+      c += "\r\n";
+   }
    return c;
 }
 

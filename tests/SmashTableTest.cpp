@@ -238,3 +238,39 @@ TEST(SmashTable, TablesThatDoNotMatchAreRefusedWithTheReason) {
    EXPECT_TRUE(fine.valid()) << fine.error();
    ::munmap(base, 4096);
 }
+
+TEST(SmashTable, RowsOfEverySizeComeBackExactlyAndKeysDifferingInOneByteStayApart) {
+   // Key sizes with a fast comparison (4, 8) and without (3, 12); rows small
+   // enough to be read through the stack and larger than that.
+   struct Case {
+      uint32_t keyBytes, valueBytes;
+   };
+   for (Case c : {Case{4, 152}, Case{8, 16}, Case{3, 5}, Case{12, 40}, Case{8, 1000}}) {
+      SCOPED_TRACE("key " + std::to_string(c.keyBytes) + ", value " + std::to_string(c.valueBytes));
+      ShmTestPrefix shm;
+      std::string path = shm.table("test/sizes");
+      Smash::TableShape shape{"Test::Sized", c.keyBytes, c.valueBytes};
+      Smash::TableWriter w(path, shape, 64);
+      Smash::TableReader r(path, shape);
+      auto key = [&](uint8_t last) {
+         std::vector<uint8_t> k(c.keyBytes, 0x5a);
+         k.back() = last;
+         return k;
+      };
+      auto value = [&](uint8_t seed) {
+         std::vector<uint8_t> v(c.valueBytes);
+         for (size_t i = 0; i < v.size(); ++i) v[i] = uint8_t(seed * 31 + i);
+         return v;
+      };
+      for (uint8_t i = 0; i < 40; ++i) w.put(key(i).data(), value(i).data());
+      ASSERT_TRUE(r.valid()) << r.error();
+      for (uint8_t i = 0; i < 40; ++i) {
+         std::vector<uint8_t> got(c.valueBytes, 0xee);
+         ASSERT_EQ(r.find(key(i).data(), got.data()), Smash::Found::row) << int(i);
+         EXPECT_EQ(got, value(i)) << int(i);
+      }
+      std::vector<uint8_t> untouched(c.valueBytes, 0xee), got = untouched;
+      EXPECT_EQ(r.find(key(200).data(), got.data()), Smash::Found::none);
+      EXPECT_EQ(got, untouched);
+   }
+}

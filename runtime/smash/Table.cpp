@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <unordered_set>
 
 namespace Smash {
@@ -104,6 +105,13 @@ void storeWords(void * to, void const * from, uint64_t bytes) {
 
 std::string shapeText(TableShape const & s) {
    return s.rowType + " (" + std::to_string(s.keyBytes) + "+" + std::to_string(s.valueBytes) + " bytes)";
+}
+
+// "g<N>", the part name of generation N.
+std::string genPart(uint32_t gen) {
+   char buf[16];
+   std::snprintf(buf, sizeof buf, "g%u", gen);
+   return buf;
 }
 
 std::string & prefixRef() {
@@ -213,7 +221,7 @@ std::unique_ptr<Mapping> mapObject(std::string const & name, bool write, std::st
 
 std::unique_ptr<Mapping> createGeneration(std::string const & path, TableShape const & shape, uint32_t gen,
                                           uint32_t capacity, uint32_t ring) {
-   std::string name = objectName(path, "g" + std::to_string(gen));
+   std::string name = objectName(path, genPart(gen));
    ::shm_unlink(name.c_str());  // a leftover of a crashed writer
    int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
    if (fd < 0) throw Error("cannot create " + name + ": " + std::strerror(errno));
@@ -279,6 +287,24 @@ void writeSlot(Mapping const & m, uint64_t i, uint32_t state, void const * key, 
    seq->store((w | 1) + 1, std::memory_order_release);
 }
 
+// Key comparison with the common sizes (an interface identifier, a
+// 64-bit number) done in line.
+bool sameKey(uint8_t const * a, void const * b, uint32_t n) {
+   if (n == 4) {
+      uint32_t x, y;
+      std::memcpy(&x, a, 4);
+      std::memcpy(&y, b, 4);
+      return x == y;
+   }
+   if (n == 8) {
+      uint64_t x, y;
+      std::memcpy(&x, a, 8);
+      std::memcpy(&y, b, 8);
+      return x == y;
+   }
+   return std::memcmp(a, b, n) == 0;
+}
+
 uint32_t stateOf(uint8_t const * row) {
    uint32_t st;
    std::memcpy(&st, row + 4, 4);
@@ -332,7 +358,7 @@ void removeTable(std::string_view path) {
       }
       ::close(fd);
    }
-   for (uint32_t g = gen > 4 ? gen - 4 : 1; g <= gen + 1; ++g) ::shm_unlink(objectName(p, "g" + std::to_string(g)).c_str());
+   for (uint32_t g = gen > 4 ? gen - 4 : 1; g <= gen + 1; ++g) ::shm_unlink(objectName(p, genPart(g)).c_str());
    ::shm_unlink(objectName(p, "ctl").c_str());
 }
 
@@ -374,7 +400,7 @@ TableWriter::TableWriter(std::string path, TableShape shape, uint32_t initialCap
          throw Error("table " + path_ + " holds " + type + ", not " + shapeText(shape_));
       }
       gen = ctl->generation.load(std::memory_order_acquire);
-      gen_ = mapObject(objectName(path_, "g" + std::to_string(gen)), true, &why);
+      gen_ = mapObject(objectName(path_, genPart(gen)), true, &why);
       if (gen_) {
          std::string err = validate(*gen_, shape_);
          if (!err.empty()) gen_.reset();
@@ -522,7 +548,7 @@ void TableWriter::grow(uint32_t capacity) {
    static_cast<CtlHeader *>(c)->generation.store(next, std::memory_order_release);
    ::munmap(c, sizeof(CtlHeader));
    gen_->header()->sealed.store(1, std::memory_order_release);
-   ::shm_unlink(objectName(path_, "g" + std::to_string(gen_->generation)).c_str());
+   ::shm_unlink(objectName(path_, genPart(gen_->generation)).c_str());
    gen_ = std::move(fresh);
    tombstones_ = 0;
 }
@@ -581,7 +607,7 @@ bool TableReader::attach() {
       uint32_t gen = const_cast<CtlHeader *>(ctl)->generation.load(std::memory_order_acquire);
       if (gen_ && gen_->generation == gen) return true;
       std::string why;
-      auto m = mapObject(objectName(path_, "g" + std::to_string(gen)), false, &why);
+      auto m = mapObject(objectName(path_, genPart(gen)), false, &why);
       if (!m) {
          error_ = why;
          continue;  // switched meanwhile: read the control again
@@ -602,22 +628,30 @@ bool TableReader::refresh() { return attach(); }
 
 Found TableReader::find(void const * key, void * value) {
    if (!gen_ && !attach()) return Found::none;
+   uint64_t h = hashKey(key, shape_.keyBytes);
+   // Rows of the usual sizes are copied to the stack; larger ones to a
+   // buffer kept per thread.
+   alignas(8) uint8_t small[512];
    for (int round = 0; round < 4; ++round) {
-      std::shared_ptr<Mapping> keep = gen_;
-      Mapping const & m = *keep;
-      uint64_t h = hashKey(key, shape_.keyBytes);
-      thread_local std::vector<uint8_t> row;
-      row.resize(m.layout->slotBytes);
+      // No reference is taken on the mapping: nothing below can switch
+      // the generation before the look-up is over (attach() comes after).
+      Mapping const & m = *gen_;
+      uint8_t * row = small;
+      if (m.layout->slotBytes > sizeof small) {
+         thread_local std::vector<uint8_t> big;
+         big.resize(m.layout->slotBytes);
+         row = big.data();
+      }
       Found result = Found::none;
       for (uint64_t n = 0; n < m.capacity; ++n) {
-         if (!readSlot(m, h + n, row.data())) {
+         if (!readSlot(m, h + n, row)) {
             result = Found::unavailable;
             break;
          }
-         uint32_t st = stateOf(row.data());
+         uint32_t st = stateOf(row);
          if (st == empty) break;
-         if (st == live && std::memcmp(row.data() + 8, key, shape_.keyBytes) == 0) {
-            std::memcpy(value, row.data() + 8 + shape_.keyBytes, shape_.valueBytes);
+         if (st == live && sameKey(row + 8, key, shape_.keyBytes)) {
+            std::memcpy(value, row + 8 + shape_.keyBytes, shape_.valueBytes);
             result = Found::row;
             break;
          }

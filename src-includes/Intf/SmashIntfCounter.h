@@ -27,15 +27,18 @@ class SmashIntfCounter : public IntfCounter {
    }
    DirPtr const & counterDir() const { return dir_; }
 
-   IntfStatistics statistics() const override { return row().statistics(); }
-   IntfRates rates() const override { return row().rates(); }
+   IntfStatistics statistics() const override {
+      Smash::RowBuffer<Smash::Interface::IntfCounter> b;
+      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().statistics();
+      return {};
+   }
+   IntfRates rates() const override {
+      Smash::RowBuffer<Smash::Interface::IntfCounter> b;
+      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().rates();
+      return {};
+   }
 
  private:
-   Smash::Interface::IntfCounter row() const {
-      Smash::Interface::IntfCounter r;
-      if (dir_) dir_->counterFind(intfId_, &r);
-      return r;
-   }
    DirPtr dir_;
 };
 KEL_FACTORY(smashIntfCounterFactory, SmashIntfCounter);
@@ -53,8 +56,8 @@ class SmashAclDropCounter : public IntfAclDrops {
    DirPtr const & counterDir() const { return dir_; }
 
    uint64_t inAclDrops() const override {
-      Smash::Interface::DropCounter r;
-      if (dir_ && dir_->counterFind(intfId_, &r)) return r.inAclDrops();
+      Smash::RowBuffer<Smash::Interface::DropCounter> b;
+      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().inAclDrops();
       return 0;
    }
 

@@ -47,6 +47,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -180,6 +181,19 @@ struct FixedKey {
    explicit FixedKey(std::string_view s) { std::memcpy(bytes, s.data(), s.size() < N ? s.size() : N); }
    std::string_view view() const { return std::string_view(bytes, strnlen(bytes, N)); }
    friend bool operator==(FixedKey const & a, FixedKey const & b) { return !std::memcmp(a.bytes, b.bytes, N); }
+};
+
+// Storage a look-up copies a row into, left uninitialised: rows are large,
+// and zeroing one before every read costs about as much as the read. The
+// row exists once a find has copied it in (rows are trivially copyable).
+template <class Row>
+class RowBuffer {
+ public:
+   Row * slot() { return reinterpret_cast<Row *>(bytes_); }
+   Row const & row() const { return *std::launder(reinterpret_cast<Row const *>(bytes_)); }
+
+ private:
+   alignas(Row) unsigned char bytes_[sizeof(Row)];
 };
 
 template <class Key, class Row>
