@@ -23,16 +23,6 @@ uint64_t structural(const char * function, const char * what, Kel::Entity const 
    return 0;
 }
 
-// The cached address when the cell there still carries the entity's
-// generation: one atomic load, no manager.
-uint64_t cachedCell(uint64_t addr, uint32_t counterGenId) {
-   if (!addr) return 0;
-   auto * gen = reinterpret_cast<std::atomic<uint32_t> const *>(uintptr_t(addr) +
-                                                                Brik::ShmemCell::genIdOffset);
-   uint32_t g = gen->load(std::memory_order_acquire);
-   return g != 0 && g == counterGenId ? addr : 0;
-}
-
 template <class E>
 uint64_t cellOf(E const & e, AllIntfQueueCounterDir const & all, bool statistics,
                 Kel::String8 const & key, bool forRead, const char * function) {
@@ -53,9 +43,9 @@ bool holds(AllIntfQueueCounterDir const & all, IntfQueueCounterDir const & dir) 
 
 } // namespace
 
-uint64_t IntfQueueCounter::counterAddr(bool forRead) const {
-   if (uint64_t a = cachedCell(shmemAddr_, counterGenId_)) return a;
-   static const char * const function = __PRETTY_FUNCTION__;
+uint64_t IntfQueueCounter::counterAddrLookup(bool forRead) const {
+   // Traced as the public function the caller called.
+   static const char * const function = "uint64_t Interface::IntfQueueCounter::counterAddr(bool) const";
    auto * parent = parentRaw();
    if (!parent) return structural(function, " counter is orphaned! Counter path: ", *this);
    auto * dir = dynamic_cast<IntfQueueCounterDir const *>(parent);
@@ -87,9 +77,9 @@ Kel::Name IntfQueueStatistics::queueName(unsigned char queueId, Interface::PktTy
    return Kel::Name(std::to_string(queueId) + "-" + stringValue(pktType).str());
 }
 
-uint64_t IntfQueueStatistics::counterAddr(bool forRead) const {
-   if (uint64_t a = cachedCell(shmemAddr_, counterGenId_)) return a;
-   static const char * const function = __PRETTY_FUNCTION__;
+uint64_t IntfQueueStatistics::counterAddrLookup(bool forRead) const {
+   static const char * const function =
+       "uint64_t Interface::IntfQueueStatistics::counterAddr(bool) const";
    auto * parent = parentRaw();
    if (!parent) return structural(function, " counter is orphaned! Counter path: ", *this);
    auto * counter = dynamic_cast<IntfQueueCounter const *>(parent);

@@ -211,7 +211,8 @@ TEST(QueueCounter, ACounterOutOfPlaceHasNoCellReadsZeroAndDropsWrites) {
          qc->inDroppedPktsIs(5);
          EXPECT_EQ(qc->inDroppedPkts(), 0u);
       }
-      EXPECT_TRUE(trace.has(c.piece)) << trace.text;
+      // Traced with the signature of the function the caller called.
+      EXPECT_TRUE(trace.has("::counterAddr(bool) const" + std::string(c.piece))) << trace.text;
       EXPECT_TRUE(trace.has(" null shmemPtr.")) << trace.text;
    }
 }

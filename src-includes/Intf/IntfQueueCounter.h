@@ -44,7 +44,15 @@ class IntfQueueStatistics : public Kel::Entity {
    IntfQueueStatistics(Kel::Name name, unsigned char queueId, Interface::PktType pktType);
    // The address of this queue's cell, 0 when there is none (see
    // IntfQueueCounter::counterAddr).
-   uint64_t counterAddr(bool forRead) const;
+   uint64_t counterAddr(bool forRead) const {
+      if (uint64_t a = Brik::cachedCellAddr(shmemAddr_, counterGenId_)) return a;
+      return counterAddrLookup(forRead);
+   }
+
+ private:
+   uint64_t counterAddrLookup(bool forRead) const;
+
+ public:
    // The name a queue's statistics are kept under: "<queueId>-<packet type>".
    static Kel::Name queueName(unsigned char queueId, Interface::PktType pktType);
 };
@@ -69,7 +77,14 @@ class IntfQueueCounter : public Kel::Entity {
    // The address of the cell, 0 when there is none. A writer (forRead
    // false) that finds the cell of another generation starts a new one; a
    // reader gets 0 until it has seen the cell's generation.
-   uint64_t counterAddr(bool forRead) const;
+   uint64_t counterAddr(bool forRead) const {
+      if (uint64_t a = Brik::cachedCellAddr(shmemAddr_, counterGenId_)) return a;
+      return counterAddrLookup(forRead);
+   }
+
+ private:
+   // Past the cached address: the manager's look-up.
+   uint64_t counterAddrLookup(bool forRead) const;
 };
 KEL_FACTORY(intfQueueCounterFactory, IntfQueueCounter);
 

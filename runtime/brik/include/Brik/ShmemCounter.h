@@ -48,6 +48,16 @@ inline std::atomic<uint32_t> * cellWord(uint8_t * cell, uint32_t offset) {
 }
 static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
 
+// `addr` when the cell there still carries `genId`, the generation its
+// holder last saw, else 0 (the holder must look the cell up again): the
+// read side's whole cost for a cell already located, one acquire load.
+inline uint64_t cachedCellAddr(uint64_t addr, uint32_t genId) {
+   if (!addr) return 0;
+   auto * gen = reinterpret_cast<std::atomic<uint32_t> const *>(uintptr_t(addr) + ShmemCell::genIdOffset);
+   uint32_t g = gen->load(std::memory_order_acquire);
+   return g != 0 && g == genId ? addr : 0;
+}
+
 // The counter at slot `s` of the cell `counter` locates, or 0 without one.
 template <class T, class V = unsigned long long>
 V shmemCounterVal(T const * counter, uint32_t s) {
