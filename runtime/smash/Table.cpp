@@ -17,7 +17,7 @@ namespace {
 
 constexpr uint64_t genMagic = 0x4e45474853414d53ull;  // "SMASHGEN"
 constexpr uint64_t ctlMagic = 0x4c54434853414d53ull;  // "SMASHCTL"
-constexpr uint32_t formatVersion = 1;
+constexpr uint32_t formatVersion = 2;
 constexpr uint32_t maxCapacity = 1u << 28;
 constexpr uint32_t maxRing = 1u << 24;
 constexpr uint32_t maxRowBytes = 1u << 16;
@@ -63,9 +63,12 @@ uint64_t align(uint64_t v, uint64_t a) { return (v + a - 1) / a * a; }
 bool powerOfTwo(uint64_t v) { return v && !(v & (v - 1)); }
 
 struct Layout {
-   uint64_t slotBytes, ringEntryBytes, slotsOffset, ringOffset, total;
+   uint64_t valueOffset, slotBytes, ringEntryBytes, slotsOffset, ringOffset, total;
    Layout(uint32_t keyBytes, uint32_t valueBytes, uint32_t capacity, uint32_t ring) {
-      slotBytes = align(8 + uint64_t(keyBytes) + valueBytes, 8);
+      // The key and the value each start on a word: a reader copies a value
+      // straight out of its slot a word at a time.
+      valueOffset = 8 + align(keyBytes, 8);
+      slotBytes = valueOffset + align(valueBytes, 8);
       ringEntryBytes = align(8 + uint64_t(keyBytes), 8);
       slotsOffset = align(sizeof(GenHeader), 64);
       ringOffset = slotsOffset + uint64_t(capacity) * slotBytes;
@@ -281,7 +284,7 @@ void writeSlot(Mapping const & m, uint64_t i, uint32_t state, void const * key, 
    uint32_t st = state;
    std::memcpy(row.data() + 4, &st, 4);
    if (key) std::memcpy(row.data() + 8, key, m.shape.keyBytes);
-   if (value) std::memcpy(row.data() + 8 + m.shape.keyBytes, value, m.shape.valueBytes);
+   if (value) std::memcpy(row.data() + m.layout->valueOffset, value, m.shape.valueBytes);
    storeWords(s + 8, row.data() + 8, m.layout->slotBytes - 8);
    __atomic_store_n(reinterpret_cast<uint32_t *>(s + 4), st, __ATOMIC_RELAXED);
    seq->store((w | 1) + 1, std::memory_order_release);
@@ -309,6 +312,62 @@ uint32_t stateOf(uint8_t const * row) {
    uint32_t st;
    std::memcpy(&st, row + 4, 4);
    return st;
+}
+
+// Copies `bytes` from a word-aligned place in shared memory a word at a
+// time, to anywhere. The last word is read whole (slots are padded to words).
+void copyOut(void * to, uint8_t const * from, uint32_t bytes) {
+   auto * d = static_cast<uint8_t *>(to);
+   auto const * w = reinterpret_cast<uint64_t const *>(from);
+   uint32_t words = bytes / 8, tail = bytes % 8;
+   for (uint32_t i = 0; i < words; ++i) {
+      uint64_t v = __atomic_load_n(w + i, __ATOMIC_RELAXED);
+      std::memcpy(d + 8 * i, &v, 8);
+   }
+   if (tail) {
+      uint64_t v = __atomic_load_n(w + words, __ATOMIC_RELAXED);
+      std::memcpy(d + 8 * words, &v, tail);
+   }
+}
+
+enum class Look { empty, other, match, unavailable };
+
+// Slot `i` read under its sequence word: empty, another row, or the row of
+// `key`, whose value is then copied to `value`. Only a read the word shows
+// whole counts; a copy that raced a write is made again, so `value` holds
+// a whole row when the answer is `match` (and may hold anything after
+// `unavailable`).
+Look lookSlot(Mapping const & m, uint64_t i, void const * key, void * value) {
+   uint8_t * s = m.slot(i);
+   auto * seq = Mapping::seqOf(s);
+   uint32_t const kb = m.shape.keyBytes;
+   uint64_t const keyWordBytes = m.layout->valueOffset - 8;
+   // Keys are small; a large one is compared in a per-thread buffer.
+   alignas(8) uint8_t small[64];
+   uint8_t * k = small;
+   if (keyWordBytes > sizeof small) {
+      thread_local std::vector<uint8_t> big;
+      big.resize(keyWordBytes);
+      k = big.data();
+   }
+   for (int t = 0; t < readTries; ++t) {
+      uint32_t a = seq->load(std::memory_order_acquire);
+      if (a & 1) continue;
+      uint32_t st = __atomic_load_n(reinterpret_cast<uint32_t const *>(s + 4), __ATOMIC_RELAXED);
+      Look r = Look::other;
+      if (st == empty) {
+         r = Look::empty;
+      } else if (st == live) {
+         loadWords(k, s + 8, keyWordBytes);
+         if (sameKey(k, key, kb)) {
+            copyOut(value, s + m.layout->valueOffset, m.shape.valueBytes);
+            r = Look::match;
+         }
+      }
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (seq->load(std::memory_order_relaxed) == a) return r;
+   }
+   return Look::unavailable;
 }
 
 // The slot holding `key`, or where it would go: returns (index, found).
@@ -511,7 +570,7 @@ Found TableWriter::find(void const * key, void * value) const {
    uint64_t freeSlot;
    auto [i, found] = probe(*gen_, key, &freeSlot);
    if (!found) return Found::none;
-   std::memcpy(value, gen_->slot(i) + 8 + shape_.keyBytes, shape_.valueBytes);
+   std::memcpy(value, gen_->slot(i) + gen_->layout->valueOffset, shape_.valueBytes);
    return Found::row;
 }
 
@@ -519,7 +578,7 @@ void TableWriter::forEach(std::function<void(void const *, void const *)> const 
    for (uint64_t i = 0; i < gen_->capacity; ++i) {
       uint8_t * s = gen_->slot(i);
       if (__atomic_load_n(reinterpret_cast<uint32_t *>(s + 4), __ATOMIC_RELAXED) == live) {
-         fn(s + 8, s + 8 + shape_.keyBytes);
+         fn(s + 8, s + gen_->layout->valueOffset);
       }
    }
 }
@@ -629,29 +688,19 @@ bool TableReader::refresh() { return attach(); }
 Found TableReader::find(void const * key, void * value) {
    if (!gen_ && !attach()) return Found::none;
    uint64_t h = hashKey(key, shape_.keyBytes);
-   // Rows of the usual sizes are copied to the stack; larger ones to a
-   // buffer kept per thread.
-   alignas(8) uint8_t small[512];
    for (int round = 0; round < 4; ++round) {
       // No reference is taken on the mapping: nothing below can switch
       // the generation before the look-up is over (attach() comes after).
       Mapping const & m = *gen_;
-      uint8_t * row = small;
-      if (m.layout->slotBytes > sizeof small) {
-         thread_local std::vector<uint8_t> big;
-         big.resize(m.layout->slotBytes);
-         row = big.data();
-      }
       Found result = Found::none;
       for (uint64_t n = 0; n < m.capacity; ++n) {
-         if (!readSlot(m, h + n, row)) {
+         Look l = lookSlot(m, h + n, key, value);
+         if (l == Look::unavailable) {
             result = Found::unavailable;
             break;
          }
-         uint32_t st = stateOf(row);
-         if (st == empty) break;
-         if (st == live && sameKey(row + 8, key, shape_.keyBytes)) {
-            std::memcpy(value, row + 8 + shape_.keyBytes, shape_.valueBytes);
+         if (l == Look::empty) break;
+         if (l == Look::match) {
             result = Found::row;
             break;
          }
@@ -672,7 +721,7 @@ void TableReader::forEach(std::function<void(void const *, void const *)> const 
    std::vector<uint8_t> row(m.layout->slotBytes);
    for (uint64_t i = 0; i < m.capacity; ++i) {
       if (!readSlot(m, i, row.data())) continue;
-      if (stateOf(row.data()) == live) fn(row.data() + 8, row.data() + 8 + shape_.keyBytes);
+      if (stateOf(row.data()) == live) fn(row.data() + 8, row.data() + m.layout->valueOffset);
    }
 }
 

@@ -24,15 +24,18 @@
 // sizes and checked against the object's size; nothing read from shared
 // memory is used as an offset unchecked):
 //   Header     (fixed size, see GenHeader in Table.cpp)
-//   Slot[capacity]      { u32 seq; u32 state; key[keyBytes]; value[valueBytes] } padded to 8
+//   Slot[capacity]      { u32 seq; u32 state; key[keyBytes]; value[valueBytes] },
+//                       key and value each padded to 8 (a reader copies a
+//                       value out of its slot word by word)
 //   RingEntry[ringCapacity] { u64 seq; key[keyBytes] } padded to 8
 // Slots are open addressing with linear probing from the key's hash; a
 // deleted row leaves a tombstone until the next generation.
 //
 // Memory ordering: a writer makes a slot's sequence word odd, issues a
 // release fence, writes the row, and stores the next even value with
-// release; a reader loads the word with acquire, copies, issues an acquire
-// fence and loads the word again: equal and even means the copy is whole.
+// release; a reader loads the word with acquire, reads the state and key
+// and, on its key, copies the value, issues an acquire fence and loads the
+// word again: equal and even means what it read is whole.
 // Ring entries are published the same way, then the ring head with release.
 //
 // Crash safety: a writer killed mid-row leaves that slot's word odd; readers
