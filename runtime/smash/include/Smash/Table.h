@@ -137,6 +137,9 @@ class TableReader {
    std::string const & error() const { return error_; }
    // Tries to attach again if not attached; follows generation switches.
    bool refresh();
+   // Copies the row of `key` into `value` (valueBytes long). `value` holds
+   // a whole row only when the answer is Found::row; after `unavailable` it
+   // may hold a torn copy, after `none` it is untouched.
    Found find(void const * key, void * value);
    void forEach(std::function<void(void const * key, void const * value)> const & fn);
    uint32_t generation() const;
