@@ -94,16 +94,12 @@ uint64_t hashKey(void const * key, uint32_t n) {
 }
 
 // Word-wise relaxed atomic copies: shared memory written by another
-// process is only ever read or written through atomics.
+// process is only ever read or written through atomics (copyIn and
+// copyOut below are the unaligned-side variants).
 void loadWords(void * to, void const * from, uint64_t bytes) {
    auto * d = static_cast<uint64_t *>(to);
    auto * s = static_cast<uint64_t const *>(from);
    for (uint64_t i = 0; i < bytes / 8; ++i) d[i] = __atomic_load_n(s + i, __ATOMIC_RELAXED);
-}
-void storeWords(void * to, void const * from, uint64_t bytes) {
-   auto * d = static_cast<uint64_t *>(to);
-   auto * s = static_cast<uint64_t const *>(from);
-   for (uint64_t i = 0; i < bytes / 8; ++i) __atomic_store_n(d + i, s[i], __ATOMIC_RELAXED);
 }
 
 std::string shapeText(TableShape const & s) {
@@ -273,20 +269,34 @@ bool readSlot(Mapping const & m, uint64_t i, uint8_t * row) {
    return false;
 }
 
+// Stores `bytes` from anywhere to a word-aligned place in shared memory a
+// word at a time; the last word is padded with zeros. Null `from` stores
+// zeros.
+void copyIn(uint8_t * to, void const * from, uint32_t bytes) {
+   auto * w = reinterpret_cast<uint64_t *>(to);
+   auto const * f = static_cast<uint8_t const *>(from);
+   uint32_t words = bytes / 8, tail = bytes % 8;
+   for (uint32_t i = 0; i < words; ++i) {
+      uint64_t v = 0;
+      if (f) std::memcpy(&v, f + 8 * i, 8);
+      __atomic_store_n(w + i, v, __ATOMIC_RELAXED);
+   }
+   if (tail) {
+      uint64_t v = 0;
+      if (f) std::memcpy(&v, f + 8 * words, tail);
+      __atomic_store_n(w + words, v, __ATOMIC_RELAXED);
+   }
+}
+
 void writeSlot(Mapping const & m, uint64_t i, uint32_t state, void const * key, void const * value) {
    uint8_t * s = m.slot(i);
    auto * seq = Mapping::seqOf(s);
    uint32_t w = seq->load(std::memory_order_relaxed);
    seq->store(w | 1, std::memory_order_relaxed);
    std::atomic_thread_fence(std::memory_order_release);
-   thread_local std::vector<uint8_t> row;
-   row.assign(m.layout->slotBytes, 0);
-   uint32_t st = state;
-   std::memcpy(row.data() + 4, &st, 4);
-   if (key) std::memcpy(row.data() + 8, key, m.shape.keyBytes);
-   if (value) std::memcpy(row.data() + m.layout->valueOffset, value, m.shape.valueBytes);
-   storeWords(s + 8, row.data() + 8, m.layout->slotBytes - 8);
-   __atomic_store_n(reinterpret_cast<uint32_t *>(s + 4), st, __ATOMIC_RELAXED);
+   copyIn(s + 8, key, m.shape.keyBytes);
+   copyIn(s + m.layout->valueOffset, value, m.shape.valueBytes);
+   __atomic_store_n(reinterpret_cast<uint32_t *>(s + 4), state, __ATOMIC_RELAXED);
    seq->store((w | 1) + 1, std::memory_order_release);
 }
 
@@ -516,9 +526,7 @@ void TableWriter::publish(void const * key) {
    auto * seq = reinterpret_cast<std::atomic<uint64_t> *>(e);
    seq->store(0, std::memory_order_relaxed);  // being rewritten
    std::atomic_thread_fence(std::memory_order_release);
-   std::vector<uint8_t> k(gen_->layout->ringEntryBytes - 8, 0);
-   std::memcpy(k.data(), key, shape_.keyBytes);
-   storeWords(e + 8, k.data(), k.size());
+   copyIn(e + 8, key, shape_.keyBytes);
    seq->store(head + 1, std::memory_order_release);
    h->ringHead.store(head + 1, std::memory_order_release);
 }
