@@ -365,6 +365,58 @@ TEST(ReplicationPeers, AWholeCollectionMessageThatFailsPartWayChangesNothing) {
    EXPECT_EQ(top->entrySize(), 0u);
 }
 
+TEST(ReplicationPeers, AnInitialStateWithoutARootOfItsOwnNeverReportsSynced) {
+   Kel::registerTypes<Dir>();
+   Kel::globalDir()->mkdir("replicationPeersRoot");  // a root a writer must not name
+   DevNull n;
+   struct Case {
+      char const * what;
+      std::function<void(Stream &)> build;
+      std::string reason;
+   } const cases[] = {
+      {"no root named", [](Stream & s) { s.dir(1, "top"); },
+       "the initial state ended without a root"},
+      {"a null root",
+       [](Stream & s) {
+          s.frame(Log::msgRoot, [](Out & m) { m.putU8(0); });
+       },
+       "the root must be an entity of the stream"},
+      {"an entity of the reader's process as the root",
+       [](Stream & s) {
+          s.frame(Log::msgRoot, [](Out & m) {
+             m.putU8(2);
+             m.putString("/replicationPeersRoot");
+          });
+       },
+       "the root must be an entity of the stream"},
+      {"a second root",
+       [](Stream & s) {
+          s.dir(1, "top");
+          s.dir(2, "other");
+          s.root(1);
+          s.root(2);
+       },
+       "the root was named twice"},
+   };
+   for (auto const & c : cases) {
+      Stream s;
+      s.hello("w");
+      c.build(s);
+      s.sync();
+      Reader r(n.fd, "");
+      bool told = false;
+      r.syncHandlerIs([&] { told = true; });
+      r.receive(s.o.data(), s.o.size());
+      r.onRoundEnd();
+      EXPECT_TRUE(r.closed()) << c.what;
+      EXPECT_EQ(r.closeReason(), String8(c.reason)) << c.what;
+      EXPECT_FALSE(r.synced()) << c.what;
+      EXPECT_FALSE(told) << c.what;
+      EXPECT_EQ(r.root(), nullptr) << c.what;
+   }
+   Kel::globalDir()->entryDel(Name("replicationPeersRoot"));
+}
+
 // ---- peers that die ----------------------------------------------------------------------------
 
 TEST(ReplicationPeers, AWriterDyingMidSyncTellsTheReaderAndLeavesNothingHeld) {

@@ -799,6 +799,9 @@ void Reader::apply(uint8_t type, In & in) {
          return;
       }
       case msgSyncDone:
+         // The replica handed on is the writer's served entity, never
+         // nothing or an entity of this process.
+         if (!root_) throw StreamError("the initial state ended without a root");
          synced_ = true;
          syncToTell_ = true;
          return;
@@ -806,7 +809,9 @@ void Reader::apply(uint8_t type, In & in) {
          byId_.erase(in.nextU32());
          return;
       case msgRoot:
-         root_ = readRef(in);
+         if (root_) throw StreamError("the root was named twice");
+         if (in.nextU8() != 1) throw StreamError("the root must be an entity of the stream");
+         root_ = entityById(in.nextU32());
          return;
       case msgClose:
          throw StreamError("writer closed the connection: " + cut(in.nextString().view(), 1000));
