@@ -3,18 +3,27 @@
 // much, cycles, references to the reader's own entities or half-valid
 // messages; peers that die; trees deeper than any stack. Each costs the
 // misbehaving connection and nothing else.
+#include <Kel/Agent.h>
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
+
+#include "ChildProcess.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 using Kel::ActivityLoop;
 using Kel::Dir;
@@ -477,6 +486,27 @@ TEST(ReplicationPeers, AClosedWriterShutsItsDescriptorSoThePeerSeesTheEnd) {
    while ((n = ::read(p.fd[1], buf, sizeof buf)) > 0) got.append(buf, size_t(n));
    EXPECT_EQ(n, 0);
    EXPECT_NE(got.find("unexpected message from reader"), std::string::npos);
+}
+
+TEST(ReplicationPeers, SendingToAPipeWhoseReaderIsGoneNeverRaisesSigpipe) {
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      ::signal(SIGPIPE, SIG_DFL);  // as in a program that did not ask otherwise
+      int p[2];
+      if (::pipe(p) != 0) ::_exit(2);
+      ::close(p[0]);
+      Reader r(p[1], "served");  // sends its mount request at once
+      ActivityLoop loop;
+      loop.add(&r);
+      loop.runUntil([&] { return r.closed(); }, 5000);
+      ::_exit(r.closed() ? 0 : 1);
+   }
+   IntfTest::Reap reap{pid};
+   int status = 0;
+   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+   reap.pid = -1;
+   EXPECT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
+   EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
 }
 
 // ---- depth -------------------------------------------------------------------------------------

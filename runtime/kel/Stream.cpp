@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,11 +24,34 @@ void setNonBlocking(int fd) {
    if (fl >= 0) fcntl(fd, F_SETFL, fl | O_NONBLOCK);
 }
 
+// write() to a descriptor that is not a socket (a pipe), with SIGPIPE held
+// back for this thread: a peer that went away must not end the process.
+// A SIGPIPE this write raised is taken off again; one already pending
+// stays.
+ssize_t writeNoSignal(int fd, char const * p, size_t n) {
+   sigset_t pipe, old, pending;
+   sigemptyset(&pipe);
+   sigaddset(&pipe, SIGPIPE);
+   sigpending(&pending);
+   bool wasPending = sigismember(&pending, SIGPIPE);
+   pthread_sigmask(SIG_BLOCK, &pipe, &old);
+   ssize_t r = ::write(fd, p, n);
+   int err = errno;
+   if (r < 0 && err == EPIPE && !wasPending) {
+      struct timespec none = {0, 0};
+      while (sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
+      }
+   }
+   pthread_sigmask(SIG_SETMASK, &old, nullptr);
+   errno = err;
+   return r;
+}
+
 // Sends without blocking and without SIGPIPE; returns bytes sent, 0 when
 // the socket is full, -1 on a broken connection.
 ssize_t sendSome(int fd, char const * p, size_t n) {
    ssize_t r = ::send(fd, p, n, MSG_NOSIGNAL | MSG_DONTWAIT);
-   if (r < 0 && errno == ENOTSOCK) r = ::write(fd, p, n);
+   if (r < 0 && errno == ENOTSOCK) r = writeNoSignal(fd, p, n);
    if (r >= 0) return r;
    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
    return -1;
