@@ -509,6 +509,77 @@ TEST(ReplicationPeers, SendingToAPipeWhoseReaderIsGoneNeverRaisesSigpipe) {
    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
 }
 
+// ---- many peers at one server ------------------------------------------------------------------
+
+namespace {
+
+sockaddr_un abstractAddress(std::string const & name, socklen_t * len) {
+   sockaddr_un a{};
+   a.sun_family = AF_UNIX;
+   std::memcpy(a.sun_path + 1, name.data(), name.size());
+   *len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+   return a;
+}
+
+// A connection to the server at `name` (abstract) that sends `bytes` and
+// then nothing; -1 when the connection was refused.
+int idlePeer(std::string const & name, std::string const & bytes = {}) {
+   socklen_t len;
+   sockaddr_un a = abstractAddress(name, &len);
+   int s = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   if (::connect(s, reinterpret_cast<sockaddr *>(&a), len) != 0) {
+      ::close(s);
+      return -1;
+   }
+   if (!bytes.empty()) {
+      EXPECT_EQ(::send(s, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+   }
+   return s;
+}
+
+// Descriptors closed on every path of a test.
+struct Fds {
+   ~Fds() {
+      for (int f : fd) {
+         if (f >= 0) ::close(f);
+      }
+   }
+   std::vector<int> fd;
+};
+
+} // namespace
+
+TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
+   std::string name = "intf-peers-deaf-" + std::to_string(::getpid());
+   socklen_t len;
+   sockaddr_un a = abstractAddress(name, &len);
+   Fds held;
+   int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   held.fd.push_back(listener);
+   ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&a), len), 0);
+   ASSERT_EQ(::listen(listener, 0), 0);
+   // Fill the backlog of a server that never accepts.
+   for (int i = 0; i < 64; ++i) {
+      int s = idlePeer(name);
+      if (s < 0) break;
+      held.fd.push_back(s);
+   }
+   ASSERT_LT(held.fd.size(), 65u);
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      ::alarm(20);  // a client stuck in connect dies of this instead
+      ActivityLoop loop;
+      Log::Client client(loop, "@" + name, "");
+      ::_exit(client.lastClose().view().substr(0, 14) == "cannot connect" ? 0 : 1);
+   }
+   IntfTest::Reap reap{pid};
+   int status = 0;
+   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+   reap.pid = -1;
+   EXPECT_TRUE(WIFEXITED(status)) << "the client was stopped by signal " << WTERMSIG(status);
+   EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+}
+
 // ---- depth -------------------------------------------------------------------------------------
 
 TEST(ReplicationPeers, TreesDeeperThanAnyStackAreBuiltNamedServedAndDropped) {

@@ -104,7 +104,9 @@ void Client::connect() {
    socklen_t len;
    std::string why;
    if (!address(path_, &a, &len, &why)) return closed(String8(why));
-   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   // Non-blocking from the start: a server that accepts nobody (its
+   // backlog full) refuses at once instead of stopping this loop.
+   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<sockaddr *>(&a), len) != 0) {
       why = "cannot connect to " + path_ + ": " + std::strerror(errno);
       if (fd_ >= 0) ::close(fd_);
