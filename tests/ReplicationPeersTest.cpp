@@ -547,7 +547,73 @@ struct Fds {
    std::vector<int> fd;
 };
 
+// Everything the peer sent until it ended the stream, or "(open)" when it
+// has not ended it yet.
+std::string drain(int s) {
+   std::string got;
+   char buf[4096];
+   ssize_t n;
+   while ((n = ::recv(s, buf, sizeof buf, MSG_DONTWAIT)) > 0) got.append(buf, size_t(n));
+   return n == 0 ? got : "(open)";
+}
+
 } // namespace
+
+TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) {
+   auto tree = makeTree(2);
+   std::string name = "intf-peers-idle-" + std::to_string(::getpid());
+   ConnectionLimits limits;
+   limits.mountWait = std::chrono::milliseconds(200);
+   ActivityLoop loop;
+   Log::Server server(loop, "@" + name, tree, "w", limits);
+   ASSERT_TRUE(server.valid()) << server.error();
+   // Nothing, half a header, a whole header and no body.
+   Fds idle{{idlePeer(name), idlePeer(name, std::string("\0\0", 2)),
+             idlePeer(name, std::string("\0\0\0\x10\x01", 5))}};
+   for (int s : idle.fd) ASSERT_GE(s, 0);
+   Log::Client client(loop, "@" + name, "served");
+   loop.runUntil([&] { return client.synced(); }, 5000);
+   EXPECT_TRUE(client.synced()) << client.lastClose();
+   loop.runUntil([&] { return server.connections() == 1; }, 5000);
+   EXPECT_EQ(server.connections(), 1u);  // the client's
+   for (int s : idle.fd) {
+      std::string got = drain(s);
+      EXPECT_NE(got.find("no mount request within 200 ms"), std::string::npos) << got;
+   }
+   EXPECT_TRUE(client.synced());
+}
+
+TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestWhy) {
+   auto tree = makeTree(2);
+   std::string name = "intf-peers-many-" + std::to_string(::getpid());
+   ConnectionLimits limits;
+   limits.connections = 3;
+   ActivityLoop loop;
+   Log::Server server(loop, "@" + name, tree, "w", limits);
+   ASSERT_TRUE(server.valid()) << server.error();
+   Fds peers;
+   for (int i = 0; i < 6; ++i) {
+      peers.fd.push_back(idlePeer(name));
+      ASSERT_GE(peers.fd.back(), 0);
+      loop.runOnce(0);
+      EXPECT_LE(server.connections(), 3u);
+   }
+   for (int i = 0; i < 6; ++i) {
+      std::string got = drain(peers.fd[i]);
+      if (i < 3) {
+         EXPECT_EQ(got, "(open)") << i;
+      } else {
+         EXPECT_NE(got.find("more than 3 connections"), std::string::npos) << i << ": " << got;
+      }
+   }
+   // One of the held connections goes: a new peer is served in its place.
+   ::close(peers.fd[0]);
+   peers.fd[0] = -1;
+   loop.runUntil([&] { return server.connections() == 2; }, 5000);
+   Log::Client client(loop, "@" + name, "served");
+   loop.runUntil([&] { return client.synced() || !client.lastClose().empty(); }, 5000);
+   EXPECT_TRUE(client.synced()) << client.lastClose();
+}
 
 TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
    std::string name = "intf-peers-deaf-" + std::to_string(::getpid());

@@ -57,9 +57,10 @@ Server::Server(ActivityLoop & loop, int listenFd, Ptr<Entity> root, String8 name
 }
 
 Server::~Server() {
-   for (auto & [fd, w] : writers_) {
-      loop_.remove(w.get());
-      w.reset();
+   for (auto & [fd, c] : writers_) {
+      loop_.remove(c.writer.get());
+      loop_.timerDel(c.mountTimer);
+      c.writer.reset();
       ::close(fd);
    }
    if (fd_ >= 0) {
@@ -73,14 +74,35 @@ void Server::onReadable() {
    while (true) {
       int c = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (c < 0) return;
+      if (writers_.size() >= limits_.connections) {
+         // Told why and closed at once, so that the backlog keeps moving.
+         Writer refused(c, root_, name_, limits_);
+         refused.close(format("more than %zu connections", limits_.connections));
+         ::close(c);
+         continue;
+      }
       auto w = std::make_unique<Writer>(c, root_, name_, limits_);
+      Writer * raw = w.get();
       w->closeHandlerIs([this, c](String8 const & why) {
          KEL_TRACE(trace, 1, "connection " + String8(std::to_string(c)) + " of " + name_ + " closed: " + why);
-         writers_.erase(c);  // deletes the writer: it is no longer in the loop
+         auto it = writers_.find(c);
+         if (it == writers_.end()) return;
+         loop_.timerDel(it->second.mountTimer);
+         writers_.erase(it);  // deletes the writer: it is no longer in the loop
          ::close(c);
       });
-      loop_.add(w.get());
-      writers_[c] = std::move(w);
+      // A peer that connects and never asks for a mount costs a descriptor
+      // for this long only.
+      auto timer = loop_.timerIs(limits_.mountWait, [this, c, raw] {
+         auto it = writers_.find(c);
+         if (it == writers_.end() || it->second.writer.get() != raw) return;
+         it->second.mountTimer = 0;
+         if (!raw->serving()) {
+            raw->close(format("no mount request within %lld ms", (long long)limits_.mountWait.count()));
+         }
+      });
+      loop_.add(raw);
+      writers_[c] = Connection{std::move(w), timer};
    }
 }
 

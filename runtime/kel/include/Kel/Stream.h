@@ -125,6 +125,10 @@ struct ConnectionLimits {
    size_t pathBytes = 4096;
    // Entities one writer may create in a reader.
    size_t entities = 4u << 20;
+   // Server: how long a reader may take to ask for its mount.
+   std::chrono::milliseconds mountWait{10000};
+   // Server: connections held at once.
+   size_t connections = 256;
 };
 
 class Writer;
