@@ -8,11 +8,13 @@
 #include <Kel/Stream.h>
 
 #include "ChildProcess.h"
+#include "Pipe.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -644,6 +646,39 @@ TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
    reap.pid = -1;
    EXPECT_TRUE(WIFEXITED(status)) << "the client was stopped by signal " << WTERMSIG(status);
    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+}
+
+TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheLoopSleeps) {
+   auto tree = makeTree(2);
+   std::string name = "intf-peers-nofd-" + std::to_string(::getpid());
+   Pipe result;
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      rlimit lim{256, 256};
+      ::setrlimit(RLIMIT_NOFILE, &lim);
+      ActivityLoop loop;
+      Log::Server server(loop, "@" + name, tree, "w");
+      Fds peers;
+      for (int i = 0; i < 20; ++i) peers.fd.push_back(idlePeer(name));
+      loop.runOnce(0);
+      // Every descriptor but one in use; the late peer takes that one.
+      Fds hog;
+      for (int f; (f = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) hog.fd.push_back(f);
+      ::close(hog.fd.back());
+      hog.fd.pop_back();
+      int late = idlePeer(name);
+      loop.runOnce(0);
+      std::string told = drain(late);
+      int idle = 0;
+      for (int i = 0; i < 10; ++i) idle += loop.runOnce(10) == 0;
+      result.send((told.find("out of file descriptors") != std::string::npos ? "told" : "not told: " + told) +
+                  ", idle rounds " + std::to_string(idle) + " of 10");
+      ::_exit(0);
+   }
+   IntfTest::Reap reap{pid};
+   ::close(result.fd[1]);  // so that a child that dies ends the line
+   result.fd[1] = -1;
+   EXPECT_EQ(result.receive(), "told, idle rounds 10 of 10");
 }
 
 // ---- depth -------------------------------------------------------------------------------------

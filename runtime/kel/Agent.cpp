@@ -1,6 +1,7 @@
 // Serving and mounting with one call; see Kel/Agent.h.
 #include <Kel/Agent.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -48,12 +49,17 @@ Server::Server(ActivityLoop & loop, std::string path, Ptr<Entity> root, String8 
       return;
    }
    ownsFile_ = path_[0] != '@';
+   listening();
+}
+
+void Server::listening() {
+   spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
    loop_.add(this);
 }
 
 Server::Server(ActivityLoop & loop, int listenFd, Ptr<Entity> root, String8 name, ConnectionLimits limits)
       : loop_(loop), fd_(listenFd), root_(std::move(root)), name_(std::move(name)), limits_(limits) {
-   if (fd_ >= 0) loop_.add(this);
+   if (fd_ >= 0) listening();
 }
 
 Server::~Server() {
@@ -65,20 +71,42 @@ Server::~Server() {
    }
    if (fd_ >= 0) {
       loop_.remove(this);
+      loop_.timerDel(resumeTimer_);
       ::close(fd_);
    }
+   if (spare_ >= 0) ::close(spare_);
    if (ownsFile_) ::unlink(path_.c_str());
 }
 
 void Server::onReadable() {
    while (true) {
       int c = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (c < 0 && (errno == EMFILE || errno == ENFILE)) {
+         // Out of descriptors, the peer would wait in the backlog and keep
+         // the listening socket readable, so that the loop never sleeps.
+         // The spare descriptor takes the peer, which is told why.
+         // (accept fails so with no descriptor free even when no peer waits.)
+         if (spare_ >= 0) {
+            ::close(spare_);
+            c = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            int err = errno;
+            if (c >= 0) refuse(c, "out of file descriptors");
+            spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            if (c >= 0) continue;
+            if (err != EMFILE && err != ENFILE) return;  // no peer was waiting
+         }
+         // Not even that: stop listening for a while.
+         loop_.remove(this);
+         resumeTimer_ = loop_.timerIs(std::chrono::milliseconds(100), [this] {
+            resumeTimer_ = 0;
+            if (spare_ < 0) spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            loop_.add(this);
+         });
+         return;
+      }
       if (c < 0) return;
       if (writers_.size() >= limits_.connections) {
-         // Told why and closed at once, so that the backlog keeps moving.
-         Writer refused(c, root_, name_, limits_);
-         refused.close(format("more than %zu connections", limits_.connections));
-         ::close(c);
+         refuse(c, format("more than %zu connections", limits_.connections));
          continue;
       }
       auto w = std::make_unique<Writer>(c, root_, name_, limits_);
@@ -104,6 +132,13 @@ void Server::onReadable() {
       loop_.add(raw);
       writers_[c] = Connection{std::move(w), timer};
    }
+}
+
+void Server::refuse(int c, String8 const & why) {
+   // Told why and closed at once, so that the backlog keeps moving.
+   Writer refused(c, root_, name_, limits_);
+   refused.close(why);
+   ::close(c);
 }
 
 Client::Client(ActivityLoop & loop, std::string path, String8 mountPath, Options options)

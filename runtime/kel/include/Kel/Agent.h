@@ -44,10 +44,16 @@ class Server : public ActivityLoop::Source {
    void onReadable() override;
 
  private:
+   void listening();
+   void refuse(int fd, String8 const & why);
    ActivityLoop & loop_;
    std::string path_;
    bool ownsFile_ = false;
    int fd_ = -1;
+   // Held back for a peer that arrives when the process is out of
+   // descriptors, so that it can be told so.
+   int spare_ = -1;
+   ActivityLoop::TimerId resumeTimer_ = 0;
    Ptr<Entity> root_;
    String8 name_;
    ConnectionLimits limits_;
