@@ -249,6 +249,18 @@ TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
           for (uint32_t i = 1; i <= 4; ++i) s.dir(i, "d" + std::to_string(i));
        },
        "more than 3 entities from one writer"},
+      {"too many entities, each forgotten once placed in the tree",
+       [](Stream & s) {
+          s.hello("w");
+          s.dir(1, "top");
+          s.root(1);
+          for (uint32_t i = 2; i <= 6; ++i) {
+             s.dir(i, "d" + std::to_string(i));
+             s.entry(1, "d" + std::to_string(i), i);
+             s.frame(Log::msgForget, [&](Out & m) { m.putU32(i); });
+          }
+       },
+       "more than 3 entities from one writer"},
    };
    for (auto const & c : cases) {
       Stream s;
@@ -259,6 +271,37 @@ TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
       EXPECT_EQ(r.closeReason(), String8(c.reason)) << c.what;
       EXPECT_EQ(r.entities(), 0u) << c.what;
    }
+}
+
+TEST(ReplicationPeers, AForgottenReplicaCountsAgainstTheLimitOnlyUntilItGoes) {
+   Kel::registerTypes<Dir>();
+   DevNull n;
+   ConnectionLimits small;
+   small.entities = 3;
+   Stream s;
+   s.hello("w");
+   s.dir(1, "top");
+   s.root(1);
+   // A writer under flow control forgets an entity before the removal of
+   // its member reaches the reader: many times over, never more than the
+   // limit held at once.
+   for (uint32_t i = 2; i < 40; ++i) {
+      std::string key = "d" + std::to_string(i);
+      s.dir(i, key);
+      s.entry(1, key, i);
+      s.frame(Log::msgForget, [&](Out & m) { m.putU32(i); });
+      s.frame(Log::msgMember, [&](Out & m) {
+         Log::putAttrHead(m, 1, Dir::kelId_entry);
+         Log::Nbo<Name>::write(m, Name(key), nullptr);
+         m.put(false);
+         m.putU8(Log::tokenEnd);
+      });
+   }
+   s.sync();
+   Reader r(n.fd, "", small);
+   r.receive(s.o.data(), s.o.size());
+   EXPECT_TRUE(r.synced()) << r.closeReason();
+   EXPECT_EQ(Kel::dynamicCast<Dir>(r.root())->entrySize(), 0u);
 }
 
 TEST(ReplicationPeers, ADirectoryCannotContainItselfOrAnAncestor) {

@@ -661,7 +661,28 @@ Reader::Reader(int fd, String8 path, ConnectionLimits const & limits) : fd_(fd),
    onWritable();
 }
 
-Reader::~Reader() = default;
+// Hears a forgotten replica go and stops counting it.
+class Reader::ForgottenWatch : public Entity::NotifieeConst {
+ public:
+   ForgottenWatch(Reader * r, Entity const * e) : r_(r), e_(e) { kelGenericIs(true); }
+   void onZeroReferences() override {
+      Kel::Ptr<ForgottenWatch> keep(this);  // erased below while still being called
+      notifierIs(nullptr);
+      r_->forgotten_.erase(e_);
+   }
+
+ private:
+   Reader * r_;
+   Entity const * e_;
+};
+
+void Reader::forgottenDrop() {
+   auto all = std::move(forgotten_);
+   forgotten_.clear();
+   for (auto & [e, w] : all) w->notifierIs(nullptr);
+}
+
+Reader::~Reader() { forgottenDrop(); }
 
 void Reader::onWritable() {
    while (!closed_ && sent_ < out_.size()) {
@@ -708,6 +729,7 @@ void Reader::close(String8 const & why) {
    // Ids mean nothing any more. A synced replica stays as last known; what
    // a writer that never finished its initial state sent is dropped.
    byId_.clear();
+   forgottenDrop();
    if (!synced_) root_ = nullptr;
 }
 
@@ -789,7 +811,7 @@ void Reader::apply(uint8_t type, In & in) {
          KelType const * t = findType(typeName.view());
          if (!t || !t->logNewEntity) throw StreamError("unknown type " + cut(typeName.view()));
          if (byId_.count(id)) throw StreamError(format("entity %u created twice", id));
-         if (byId_.size() >= limits_.entities) {
+         if (byId_.size() + forgotten_.size() >= limits_.entities) {
             throw StreamError(format("more than %zu entities from one writer", limits_.entities));
          }
          Ptr<Entity> e = t->logNewEntity(in, this);
@@ -830,9 +852,18 @@ void Reader::apply(uint8_t type, In & in) {
          synced_ = true;
          syncToTell_ = true;
          return;
-      case msgForget:
-         byId_.erase(in.nextU32());
-         return;
+      case msgForget: {
+         auto it = byId_.find(in.nextU32());
+         if (it == byId_.end()) return;
+         Ptr<Entity> e = std::move(it->second);
+         byId_.erase(it);
+         if (e->references() > 1) {
+            Ptr<ForgottenWatch> w(new ForgottenWatch(this, e.ptr()));
+            w->notifierIs(e);
+            forgotten_.emplace(e.ptr(), std::move(w));
+         }
+         return;  // an entity nothing else holds goes here
+      }
       case msgRoot:
          if (root_) throw StreamError("the root was named twice");
          if (in.nextU8() != 1) throw StreamError("the root must be an entity of the stream");
