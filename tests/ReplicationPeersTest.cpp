@@ -1,8 +1,10 @@
 // Replication against peers that misbehave: readers that leave early, ask
 // for paths outside what is served or never read; writers that send too
-// much, cycles, references to the reader's own entities or half-valid
-// messages; peers that die; trees deeper than any stack. Each costs the
-// misbehaving connection and nothing else.
+// much, cycles, references to the reader's own entities, no root of their
+// own or half-valid messages; peers that die; peers that connect and stay
+// silent, too many of them or when descriptors run out; servers that
+// accept nobody; trees deeper than any stack. Each costs the misbehaving
+// connection and nothing else.
 #include <Kel/Agent.h>
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
