@@ -1,20 +1,33 @@
 // Replication against peers that misbehave: readers that leave early, ask
 // for paths outside what is served or never read; writers that send too
-// much, cycles, references to the reader's own entities or half-valid
-// messages; peers that die; trees deeper than any stack. Each costs the
-// misbehaving connection and nothing else.
+// much, cycles, references to the reader's own entities, no root of their
+// own or half-valid messages; peers that die; peers that connect and stay
+// silent, too many of them or when descriptors run out; servers that
+// accept nobody; trees deeper than any stack. Each costs the misbehaving
+// connection and nothing else.
+#include <Kel/Agent.h>
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
+
+#include "ChildProcess.h"
+#include "Pipe.h"
 
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 using Kel::ActivityLoop;
 using Kel::Dir;
@@ -238,6 +251,18 @@ TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
           for (uint32_t i = 1; i <= 4; ++i) s.dir(i, "d" + std::to_string(i));
        },
        "more than 3 entities from one writer"},
+      {"too many entities, each forgotten once placed in the tree",
+       [](Stream & s) {
+          s.hello("w");
+          s.dir(1, "top");
+          s.root(1);
+          for (uint32_t i = 2; i <= 6; ++i) {
+             s.dir(i, "d" + std::to_string(i));
+             s.entry(1, "d" + std::to_string(i), i);
+             s.frame(Log::msgForget, [&](Out & m) { m.putU32(i); });
+          }
+       },
+       "more than 3 entities from one writer"},
    };
    for (auto const & c : cases) {
       Stream s;
@@ -248,6 +273,37 @@ TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
       EXPECT_EQ(r.closeReason(), String8(c.reason)) << c.what;
       EXPECT_EQ(r.entities(), 0u) << c.what;
    }
+}
+
+TEST(ReplicationPeers, AForgottenReplicaCountsAgainstTheLimitOnlyUntilItGoes) {
+   Kel::registerTypes<Dir>();
+   DevNull n;
+   ConnectionLimits small;
+   small.entities = 3;
+   Stream s;
+   s.hello("w");
+   s.dir(1, "top");
+   s.root(1);
+   // A writer under flow control forgets an entity before the removal of
+   // its member reaches the reader: many times over, never more than the
+   // limit held at once.
+   for (uint32_t i = 2; i < 40; ++i) {
+      std::string key = "d" + std::to_string(i);
+      s.dir(i, key);
+      s.entry(1, key, i);
+      s.frame(Log::msgForget, [&](Out & m) { m.putU32(i); });
+      s.frame(Log::msgMember, [&](Out & m) {
+         Log::putAttrHead(m, 1, Dir::kelId_entry);
+         Log::Nbo<Name>::write(m, Name(key), nullptr);
+         m.put(false);
+         m.putU8(Log::tokenEnd);
+      });
+   }
+   s.sync();
+   Reader r(n.fd, "", small);
+   r.receive(s.o.data(), s.o.size());
+   EXPECT_TRUE(r.synced()) << r.closeReason();
+   EXPECT_EQ(Kel::dynamicCast<Dir>(r.root())->entrySize(), 0u);
 }
 
 TEST(ReplicationPeers, ADirectoryCannotContainItselfOrAnAncestor) {
@@ -365,6 +421,58 @@ TEST(ReplicationPeers, AWholeCollectionMessageThatFailsPartWayChangesNothing) {
    EXPECT_EQ(top->entrySize(), 0u);
 }
 
+TEST(ReplicationPeers, AnInitialStateWithoutARootOfItsOwnNeverReportsSynced) {
+   Kel::registerTypes<Dir>();
+   Kel::globalDir()->mkdir("replicationPeersRoot");  // a root a writer must not name
+   DevNull n;
+   struct Case {
+      char const * what;
+      std::function<void(Stream &)> build;
+      std::string reason;
+   } const cases[] = {
+      {"no root named", [](Stream & s) { s.dir(1, "top"); },
+       "the initial state ended without a root"},
+      {"a null root",
+       [](Stream & s) {
+          s.frame(Log::msgRoot, [](Out & m) { m.putU8(0); });
+       },
+       "the root must be an entity of the stream"},
+      {"an entity of the reader's process as the root",
+       [](Stream & s) {
+          s.frame(Log::msgRoot, [](Out & m) {
+             m.putU8(2);
+             m.putString("/replicationPeersRoot");
+          });
+       },
+       "the root must be an entity of the stream"},
+      {"a second root",
+       [](Stream & s) {
+          s.dir(1, "top");
+          s.dir(2, "other");
+          s.root(1);
+          s.root(2);
+       },
+       "the root was named twice"},
+   };
+   for (auto const & c : cases) {
+      Stream s;
+      s.hello("w");
+      c.build(s);
+      s.sync();
+      Reader r(n.fd, "");
+      bool told = false;
+      r.syncHandlerIs([&] { told = true; });
+      r.receive(s.o.data(), s.o.size());
+      r.onRoundEnd();
+      EXPECT_TRUE(r.closed()) << c.what;
+      EXPECT_EQ(r.closeReason(), String8(c.reason)) << c.what;
+      EXPECT_FALSE(r.synced()) << c.what;
+      EXPECT_FALSE(told) << c.what;
+      EXPECT_EQ(r.root(), nullptr) << c.what;
+   }
+   Kel::globalDir()->entryDel(Name("replicationPeersRoot"));
+}
+
 // ---- peers that die ----------------------------------------------------------------------------
 
 TEST(ReplicationPeers, AWriterDyingMidSyncTellsTheReaderAndLeavesNothingHeld) {
@@ -425,6 +533,197 @@ TEST(ReplicationPeers, AClosedWriterShutsItsDescriptorSoThePeerSeesTheEnd) {
    while ((n = ::read(p.fd[1], buf, sizeof buf)) > 0) got.append(buf, size_t(n));
    EXPECT_EQ(n, 0);
    EXPECT_NE(got.find("unexpected message from reader"), std::string::npos);
+}
+
+TEST(ReplicationPeers, SendingToAPipeWhoseReaderIsGoneNeverRaisesSigpipe) {
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      ::signal(SIGPIPE, SIG_DFL);  // as in a program that did not ask otherwise
+      int p[2];
+      if (::pipe(p) != 0) ::_exit(2);
+      ::close(p[0]);
+      Reader r(p[1], "served");  // sends its mount request at once
+      ActivityLoop loop;
+      loop.add(&r);
+      loop.runUntil([&] { return r.closed(); }, 5000);
+      ::_exit(r.closed() ? 0 : 1);
+   }
+   IntfTest::Reap reap{pid};
+   int status = 0;
+   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+   reap.pid = -1;
+   EXPECT_FALSE(WIFSIGNALED(status)) << "killed by signal " << WTERMSIG(status);
+   EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+}
+
+// ---- many peers at one server ------------------------------------------------------------------
+
+namespace {
+
+sockaddr_un abstractAddress(std::string const & name, socklen_t * len) {
+   sockaddr_un a{};
+   a.sun_family = AF_UNIX;
+   std::memcpy(a.sun_path + 1, name.data(), name.size());
+   *len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+   return a;
+}
+
+// A connection to the server at `name` (abstract) that sends `bytes` and
+// then nothing; -1 when the connection was refused.
+int idlePeer(std::string const & name, std::string const & bytes = {}) {
+   socklen_t len;
+   sockaddr_un a = abstractAddress(name, &len);
+   int s = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   if (::connect(s, reinterpret_cast<sockaddr *>(&a), len) != 0) {
+      ::close(s);
+      return -1;
+   }
+   if (!bytes.empty()) {
+      EXPECT_EQ(::send(s, bytes.data(), bytes.size(), MSG_NOSIGNAL), ssize_t(bytes.size()));
+   }
+   return s;
+}
+
+// Descriptors closed on every path of a test.
+struct Fds {
+   ~Fds() {
+      for (int f : fd) {
+         if (f >= 0) ::close(f);
+      }
+   }
+   std::vector<int> fd;
+};
+
+// Everything the peer sent until it ended the stream, or "(open)" when it
+// has not ended it yet.
+std::string drain(int s) {
+   std::string got;
+   char buf[4096];
+   ssize_t n;
+   while ((n = ::recv(s, buf, sizeof buf, MSG_DONTWAIT)) > 0) got.append(buf, size_t(n));
+   return n == 0 ? got : "(open)";
+}
+
+} // namespace
+
+TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) {
+   auto tree = makeTree(2);
+   std::string name = "intf-peers-idle-" + std::to_string(::getpid());
+   ConnectionLimits limits;
+   limits.mountWait = std::chrono::milliseconds(200);
+   ActivityLoop loop;
+   Log::Server server(loop, "@" + name, tree, "w", limits);
+   ASSERT_TRUE(server.valid()) << server.error();
+   // Nothing, half a header, a whole header and no body.
+   Fds idle{{idlePeer(name), idlePeer(name, std::string("\0\0", 2)),
+             idlePeer(name, std::string("\0\0\0\x10\x01", 5))}};
+   for (int s : idle.fd) ASSERT_GE(s, 0);
+   Log::Client client(loop, "@" + name, "served");
+   loop.runUntil([&] { return client.synced(); }, 5000);
+   EXPECT_TRUE(client.synced()) << client.lastClose();
+   loop.runUntil([&] { return server.connections() == 1; }, 5000);
+   EXPECT_EQ(server.connections(), 1u);  // the client's
+   for (int s : idle.fd) {
+      std::string got = drain(s);
+      EXPECT_NE(got.find("no mount request within 200 ms"), std::string::npos) << got;
+   }
+   EXPECT_TRUE(client.synced());
+}
+
+TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestWhy) {
+   auto tree = makeTree(2);
+   std::string name = "intf-peers-many-" + std::to_string(::getpid());
+   ConnectionLimits limits;
+   limits.connections = 3;
+   ActivityLoop loop;
+   Log::Server server(loop, "@" + name, tree, "w", limits);
+   ASSERT_TRUE(server.valid()) << server.error();
+   Fds peers;
+   for (int i = 0; i < 6; ++i) {
+      peers.fd.push_back(idlePeer(name));
+      ASSERT_GE(peers.fd.back(), 0);
+      loop.runOnce(0);
+      EXPECT_LE(server.connections(), 3u);
+   }
+   for (int i = 0; i < 6; ++i) {
+      std::string got = drain(peers.fd[i]);
+      if (i < 3) {
+         EXPECT_EQ(got, "(open)") << i;
+      } else {
+         EXPECT_NE(got.find("more than 3 connections"), std::string::npos) << i << ": " << got;
+      }
+   }
+   // One of the held connections goes: a new peer is served in its place.
+   ::close(peers.fd[0]);
+   peers.fd[0] = -1;
+   loop.runUntil([&] { return server.connections() == 2; }, 5000);
+   Log::Client client(loop, "@" + name, "served");
+   loop.runUntil([&] { return client.synced() || !client.lastClose().empty(); }, 5000);
+   EXPECT_TRUE(client.synced()) << client.lastClose();
+}
+
+TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
+   std::string name = "intf-peers-deaf-" + std::to_string(::getpid());
+   socklen_t len;
+   sockaddr_un a = abstractAddress(name, &len);
+   Fds held;
+   int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   held.fd.push_back(listener);
+   ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr *>(&a), len), 0);
+   ASSERT_EQ(::listen(listener, 0), 0);
+   // Fill the backlog of a server that never accepts.
+   for (int i = 0; i < 64; ++i) {
+      int s = idlePeer(name);
+      if (s < 0) break;
+      held.fd.push_back(s);
+   }
+   ASSERT_LT(held.fd.size(), 65u);
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      ::alarm(20);  // a client stuck in connect dies of this instead
+      ActivityLoop loop;
+      Log::Client client(loop, "@" + name, "");
+      ::_exit(client.lastClose().view().substr(0, 14) == "cannot connect" ? 0 : 1);
+   }
+   IntfTest::Reap reap{pid};
+   int status = 0;
+   ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+   reap.pid = -1;
+   EXPECT_TRUE(WIFEXITED(status)) << "the client was stopped by signal " << WTERMSIG(status);
+   EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+}
+
+TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheLoopSleeps) {
+   auto tree = makeTree(2);
+   std::string name = "intf-peers-nofd-" + std::to_string(::getpid());
+   Pipe result;
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      rlimit lim{256, 256};
+      ::setrlimit(RLIMIT_NOFILE, &lim);
+      ActivityLoop loop;
+      Log::Server server(loop, "@" + name, tree, "w");
+      Fds peers;
+      for (int i = 0; i < 20; ++i) peers.fd.push_back(idlePeer(name));
+      loop.runOnce(0);
+      // Every descriptor but one in use; the late peer takes that one.
+      Fds hog;
+      for (int f; (f = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) >= 0;) hog.fd.push_back(f);
+      ::close(hog.fd.back());
+      hog.fd.pop_back();
+      int late = idlePeer(name);
+      loop.runOnce(0);
+      std::string told = drain(late);
+      int idle = 0;
+      for (int i = 0; i < 10; ++i) idle += loop.runOnce(10) == 0;
+      result.send((told.find("out of file descriptors") != std::string::npos ? "told" : "not told: " + told) +
+                  ", idle rounds " + std::to_string(idle) + " of 10");
+      ::_exit(0);
+   }
+   IntfTest::Reap reap{pid};
+   ::close(result.fd[1]);  // so that a child that dies ends the line
+   result.fd[1] = -1;
+   EXPECT_EQ(result.receive(), "told, idle rounds 10 of 10");
 }
 
 // ---- depth -------------------------------------------------------------------------------------

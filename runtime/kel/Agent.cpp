@@ -1,6 +1,7 @@
 // Serving and mounting with one call; see Kel/Agent.h.
 #include <Kel/Agent.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -48,40 +49,96 @@ Server::Server(ActivityLoop & loop, std::string path, Ptr<Entity> root, String8 
       return;
    }
    ownsFile_ = path_[0] != '@';
+   listening();
+}
+
+void Server::listening() {
+   spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
    loop_.add(this);
 }
 
 Server::Server(ActivityLoop & loop, int listenFd, Ptr<Entity> root, String8 name, ConnectionLimits limits)
       : loop_(loop), fd_(listenFd), root_(std::move(root)), name_(std::move(name)), limits_(limits) {
-   if (fd_ >= 0) loop_.add(this);
+   if (fd_ >= 0) listening();
 }
 
 Server::~Server() {
-   for (auto & [fd, w] : writers_) {
-      loop_.remove(w.get());
-      w.reset();
+   for (auto & [fd, c] : writers_) {
+      loop_.remove(c.writer.get());
+      loop_.timerDel(c.mountTimer);
+      c.writer.reset();
       ::close(fd);
    }
    if (fd_ >= 0) {
       loop_.remove(this);
+      loop_.timerDel(resumeTimer_);
       ::close(fd_);
    }
+   if (spare_ >= 0) ::close(spare_);
    if (ownsFile_) ::unlink(path_.c_str());
 }
 
 void Server::onReadable() {
    while (true) {
       int c = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+      if (c < 0 && (errno == EMFILE || errno == ENFILE)) {
+         // Out of descriptors, the peer would wait in the backlog and keep
+         // the listening socket readable, so that the loop never sleeps.
+         // The spare descriptor takes the peer, which is told why.
+         // (accept fails so with no descriptor free even when no peer waits.)
+         if (spare_ >= 0) {
+            ::close(spare_);
+            c = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+            int err = errno;
+            if (c >= 0) refuse(c, "out of file descriptors");
+            spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            if (c >= 0) continue;
+            if (err != EMFILE && err != ENFILE) return;  // no peer was waiting
+         }
+         // Not even that: stop listening for a while.
+         loop_.remove(this);
+         resumeTimer_ = loop_.timerIs(std::chrono::milliseconds(100), [this] {
+            resumeTimer_ = 0;
+            if (spare_ < 0) spare_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+            loop_.add(this);
+         });
+         return;
+      }
       if (c < 0) return;
+      if (writers_.size() >= limits_.connections) {
+         refuse(c, format("more than %zu connections", limits_.connections));
+         continue;
+      }
       auto w = std::make_unique<Writer>(c, root_, name_, limits_);
+      Writer * raw = w.get();
       w->closeHandlerIs([this, c](String8 const & why) {
          KEL_TRACE(trace, 1, "connection " + String8(std::to_string(c)) + " of " + name_ + " closed: " + why);
-         writers_.erase(c);  // deletes the writer: it is no longer in the loop
+         auto it = writers_.find(c);
+         if (it == writers_.end()) return;
+         loop_.timerDel(it->second.mountTimer);
+         writers_.erase(it);  // deletes the writer: it is no longer in the loop
          ::close(c);
       });
-      loop_.add(w.get());
-      writers_[c] = std::move(w);
+      // A peer that connects and never asks for a mount costs a descriptor
+      // for this long only.
+      auto timer = loop_.timerIs(limits_.mountWait, [this, c, raw] {
+         auto it = writers_.find(c);
+         if (it == writers_.end() || it->second.writer.get() != raw) return;
+         it->second.mountTimer = 0;
+         if (!raw->serving()) {
+            raw->close(format("no mount request within %lld ms", (long long)limits_.mountWait.count()));
+         }
+      });
+      loop_.add(raw);
+      writers_[c] = Connection{std::move(w), timer};
    }
+}
+
+void Server::refuse(int c, String8 const & why) {
+   // Told why and closed at once, so that the backlog keeps moving.
+   Writer refused(c, root_, name_, limits_);
+   refused.close(why);
+   ::close(c);
 }
 
 Client::Client(ActivityLoop & loop, std::string path, String8 mountPath, Options options)
@@ -104,7 +161,9 @@ void Client::connect() {
    socklen_t len;
    std::string why;
    if (!address(path_, &a, &len, &why)) return closed(String8(why));
-   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   // Non-blocking from the start: a server that accepts nobody (its
+   // backlog full) refuses at once instead of stopping this loop.
+   fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (fd_ < 0 || ::connect(fd_, reinterpret_cast<sockaddr *>(&a), len) != 0) {
       why = "cannot connect to " + path_ + ": " + std::strerror(errno);
       if (fd_ >= 0) ::close(fd_);

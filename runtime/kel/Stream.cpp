@@ -4,6 +4,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,11 +24,34 @@ void setNonBlocking(int fd) {
    if (fl >= 0) fcntl(fd, F_SETFL, fl | O_NONBLOCK);
 }
 
+// write() to a descriptor that is not a socket (a pipe), with SIGPIPE held
+// back for this thread: a peer that went away must not end the process.
+// A SIGPIPE this write raised is taken off again; one already pending
+// stays.
+ssize_t writeNoSignal(int fd, char const * p, size_t n) {
+   sigset_t pipe, old, pending;
+   sigemptyset(&pipe);
+   sigaddset(&pipe, SIGPIPE);
+   sigpending(&pending);
+   bool wasPending = sigismember(&pending, SIGPIPE);
+   pthread_sigmask(SIG_BLOCK, &pipe, &old);
+   ssize_t r = ::write(fd, p, n);
+   int err = errno;
+   if (r < 0 && err == EPIPE && !wasPending) {
+      struct timespec none = {0, 0};
+      while (sigtimedwait(&pipe, nullptr, &none) < 0 && errno == EINTR) {
+      }
+   }
+   pthread_sigmask(SIG_SETMASK, &old, nullptr);
+   errno = err;
+   return r;
+}
+
 // Sends without blocking and without SIGPIPE; returns bytes sent, 0 when
 // the socket is full, -1 on a broken connection.
 ssize_t sendSome(int fd, char const * p, size_t n) {
    ssize_t r = ::send(fd, p, n, MSG_NOSIGNAL | MSG_DONTWAIT);
-   if (r < 0 && errno == ENOTSOCK) r = ::write(fd, p, n);
+   if (r < 0 && errno == ENOTSOCK) r = writeNoSignal(fd, p, n);
    if (r >= 0) return r;
    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
    return -1;
@@ -642,7 +667,28 @@ Reader::Reader(int fd, String8 path, ConnectionLimits const & limits) : fd_(fd),
    onWritable();
 }
 
-Reader::~Reader() = default;
+// Hears a forgotten replica go and stops counting it.
+class Reader::ForgottenWatch : public Entity::NotifieeConst {
+ public:
+   ForgottenWatch(Reader * r, Entity const * e) : r_(r), e_(e) { kelGenericIs(true); }
+   void onZeroReferences() override {
+      Kel::Ptr<ForgottenWatch> keep(this);  // erased below while still being called
+      notifierIs(nullptr);
+      r_->forgotten_.erase(e_);
+   }
+
+ private:
+   Reader * r_;
+   Entity const * e_;
+};
+
+void Reader::forgottenDrop() {
+   auto all = std::move(forgotten_);
+   forgotten_.clear();
+   for (auto & [e, w] : all) w->notifierIs(nullptr);
+}
+
+Reader::~Reader() { forgottenDrop(); }
 
 void Reader::onWritable() {
    while (!closed_ && sent_ < out_.size()) {
@@ -689,6 +735,7 @@ void Reader::close(String8 const & why) {
    // Ids mean nothing any more. A synced replica stays as last known; what
    // a writer that never finished its initial state sent is dropped.
    byId_.clear();
+   forgottenDrop();
    if (!synced_) root_ = nullptr;
 }
 
@@ -770,7 +817,7 @@ void Reader::apply(uint8_t type, In & in) {
          KelType const * t = findType(typeName.view());
          if (!t || !t->logNewEntity) throw StreamError("unknown type " + cut(typeName.view()));
          if (byId_.count(id)) throw StreamError(format("entity %u created twice", id));
-         if (byId_.size() >= limits_.entities) {
+         if (byId_.size() + forgotten_.size() >= limits_.entities) {
             throw StreamError(format("more than %zu entities from one writer", limits_.entities));
          }
          Ptr<Entity> e = t->logNewEntity(in, this);
@@ -805,14 +852,28 @@ void Reader::apply(uint8_t type, In & in) {
          return;
       }
       case msgSyncDone:
+         // The replica handed on is the writer's served entity, never
+         // nothing or an entity of this process.
+         if (!root_) throw StreamError("the initial state ended without a root");
          synced_ = true;
          syncToTell_ = true;
          return;
-      case msgForget:
-         byId_.erase(in.nextU32());
-         return;
+      case msgForget: {
+         auto it = byId_.find(in.nextU32());
+         if (it == byId_.end()) return;
+         Ptr<Entity> e = std::move(it->second);
+         byId_.erase(it);
+         if (e->references() > 1) {
+            Ptr<ForgottenWatch> w(new ForgottenWatch(this, e.ptr()));
+            w->notifierIs(e);
+            forgotten_.emplace(e.ptr(), std::move(w));
+         }
+         return;  // an entity nothing else holds goes here
+      }
       case msgRoot:
-         root_ = readRef(in);
+         if (root_) throw StreamError("the root was named twice");
+         if (in.nextU8() != 1) throw StreamError("the root must be an entity of the stream");
+         root_ = entityById(in.nextU32());
          return;
       case msgClose:
          throw StreamError("writer closed the connection: " + cut(in.nextString().view(), 1000));

@@ -20,7 +20,9 @@
 namespace Kel::NboAttrLog {
 
 // Serves `root` to every reader that connects to a Unix-domain socket: one
-// writer per connection, removed with its connection. The server owns the
+// writer per connection, removed with its connection. A connection that
+// asks for no mount within limits.mountWait is closed; past
+// limits.connections, a new connection is told why and closed. The server owns the
 // listening descriptor and every accepted one; it removes a socket file it
 // made when destroyed. A path starting with '@' is in the abstract
 // namespace (no file).
@@ -42,15 +44,25 @@ class Server : public ActivityLoop::Source {
    void onReadable() override;
 
  private:
+   void listening();
+   void refuse(int fd, String8 const & why);
    ActivityLoop & loop_;
    std::string path_;
    bool ownsFile_ = false;
    int fd_ = -1;
+   // Held back for a peer that arrives when the process is out of
+   // descriptors, so that it can be told so.
+   int spare_ = -1;
+   ActivityLoop::TimerId resumeTimer_ = 0;
    Ptr<Entity> root_;
    String8 name_;
    ConnectionLimits limits_;
    std::string error_;
-   std::map<int, std::unique_ptr<Writer>> writers_;  // by descriptor
+   struct Connection {
+      std::unique_ptr<Writer> writer;
+      ActivityLoop::TimerId mountTimer = 0;  // until the peer asks for a mount
+   };
+   std::map<int, Connection> writers_;  // by descriptor
 };
 
 // Mounts `mountPath` from the server at `path`; reports the synced tree and

@@ -125,6 +125,10 @@ struct ConnectionLimits {
    size_t pathBytes = 4096;
    // Entities one writer may create in a reader.
    size_t entities = 4u << 20;
+   // Server: how long a reader may take to ask for its mount.
+   std::chrono::milliseconds mountWait{10000};
+   // Server: connections held at once.
+   size_t connections = 256;
 };
 
 class Writer;
@@ -339,6 +343,12 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    uint64_t unknownEnums_ = 0;
    uint64_t applied_ = 0;
    std::unordered_map<uint32_t, Ptr<Entity>> byId_;
+   // Replicas the writer forgot while something here still holds them (a
+   // replica's collection, say): they count against limits.entities until
+   // they go, so that forgetting what it created lets no writer past it.
+   class ForgottenWatch;
+   std::unordered_map<Entity const *, Ptr<ForgottenWatch>> forgotten_;
+   void forgottenDrop();
 };
 
 } // namespace NboAttrLog
