@@ -535,6 +535,29 @@ TEST(ReplicationPeers, AClosedWriterShutsItsDescriptorSoThePeerSeesTheEnd) {
    EXPECT_NE(got.find("unexpected message from reader"), std::string::npos);
 }
 
+TEST(ReplicationPeers, ADescriptorClosedUnderItsSourceEndsTheSourceInsteadOfSpinningTheLoop) {
+   // A connection whose descriptor is closed underneath it closes on the
+   // next round; a bare source that cannot tell leaves the loop.
+   struct Bare : ActivityLoop::Source {
+      explicit Bare(int fd) : fd_(fd) {}
+      int fd() const override { return fd_; }
+      int fd_;
+   };
+   SocketPair p, q;
+   Kel::NboAttrLog::Reader reader(p.fd[0], "served");
+   Bare bare(q.fd[0]);
+   ActivityLoop loop;
+   loop.add(&reader);
+   loop.add(&bare);
+   ::close(p.fd[0]);
+   ::close(q.fd[0]);
+   p.fd[0] = q.fd[0] = -1;
+   // Each round returns at once while a closed descriptor stays polled.
+   for (int i = 0; i < 3; ++i) loop.runOnce(50);
+   EXPECT_TRUE(reader.closed());
+   EXPECT_EQ(loop.sources(), 0u);
+}
+
 TEST(ReplicationPeers, SendingToAPipeWhoseReaderIsGoneNeverRaisesSigpipe) {
    pid_t pid = ::fork();
    if (pid == 0) {

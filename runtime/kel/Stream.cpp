@@ -177,7 +177,14 @@ int ActivityLoop::runOnce(int timeoutMs) {
       ++handled;
       Source * s = srcs[i];
       if (gone(s) || s->finished()) continue;
-      if (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) s->onReadable();
+      if (fds[i].revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) s->onReadable();
+      if (!gone(s) && !s->finished() && (fds[i].revents & POLLNVAL)) {
+         // A descriptor closed under its source would come back from every
+         // poll at once: a source that did not finish on it leaves the loop.
+         KEL_TRACE(trace, 0, format("descriptor %d is not open: its source leaves the loop", fds[i].fd));
+         remove(s);
+         continue;
+      }
       if (!gone(s) && !s->finished() && (fds[i].revents & POLLOUT)) s->onWritable();
    }
    for (Source * s : srcs) {
