@@ -232,6 +232,7 @@ TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
    DevNull n;
    ConnectionLimits small;
    small.entities = 3;
+   small.entityNameBytes = 100;
    struct Case {
       char const * what;
       std::function<void(Stream &)> build;
@@ -263,6 +264,26 @@ TEST(ReplicationPeers, PeerSuppliedSizesPastTheLimitsCloseTheConnection) {
           }
        },
        "more than 3 entities from one writer"},
+      {"long entity names",
+       [](Stream & s) {
+          s.hello("w");
+          s.dir(1, std::string(60, 'a'));
+          s.dir(2, std::string(41, 'b'));  // 101 bytes held
+       },
+       "entity names of one writer exceed 100 bytes"},
+      {"long entity names, each forgotten once placed in the tree",
+       [](Stream & s) {
+          s.hello("w");
+          s.dir(1, "top");
+          s.root(1);
+          for (uint32_t i = 2; i <= 3; ++i) {
+             std::string name = std::string(50, 'n') + std::to_string(i);  // 3 + 51 + 51 held
+             s.dir(i, name);
+             s.entry(1, name, i);
+             s.frame(Log::msgForget, [&](Out & m) { m.putU32(i); });
+          }
+       },
+       "entity names of one writer exceed 100 bytes"},
    };
    for (auto const & c : cases) {
       Stream s;
@@ -280,13 +301,14 @@ TEST(ReplicationPeers, AForgottenReplicaCountsAgainstTheLimitOnlyUntilItGoes) {
    DevNull n;
    ConnectionLimits small;
    small.entities = 3;
+   small.entityNameBytes = 12;  // "top" and two of the names below at most
    Stream s;
    s.hello("w");
    s.dir(1, "top");
    s.root(1);
    // A writer under flow control forgets an entity before the removal of
    // its member reaches the reader: many times over, never more than the
-   // limit held at once.
+   // limits held at once.
    for (uint32_t i = 2; i < 40; ++i) {
       std::string key = "d" + std::to_string(i);
       s.dir(i, key);

@@ -681,6 +681,7 @@ class Reader::ForgottenWatch : public Entity::NotifieeConst {
    void onZeroReferences() override {
       Kel::Ptr<ForgottenWatch> keep(this);  // erased below while still being called
       notifierIs(nullptr);
+      r_->nameBytes_ -= std::min(r_->nameBytes_, e_->name().size());
       r_->forgotten_.erase(e_);
    }
 
@@ -743,6 +744,7 @@ void Reader::close(String8 const & why) {
    // a writer that never finished its initial state sent is dropped.
    byId_.clear();
    forgottenDrop();
+   nameBytes_ = 0;
    if (!synced_) root_ = nullptr;
 }
 
@@ -828,6 +830,10 @@ void Reader::apply(uint8_t type, In & in) {
             throw StreamError(format("more than %zu entities from one writer", limits_.entities));
          }
          Ptr<Entity> e = t->logNewEntity(in, this);
+         if (e->name().size() > limits_.entityNameBytes - std::min(nameBytes_, limits_.entityNameBytes)) {
+            throw StreamError(format("entity names of one writer exceed %zu bytes", limits_.entityNameBytes));
+         }
+         nameBytes_ += e->name().size();
          if (!peerShared_) peerShared_ = std::make_shared<String8 const>(peer_);
          e->kelReadOnlyProxyIs(peerShared_);
          byId_.emplace(id, e);
@@ -874,6 +880,8 @@ void Reader::apply(uint8_t type, In & in) {
             Ptr<ForgottenWatch> w(new ForgottenWatch(this, e.ptr()));
             w->notifierIs(e);
             forgotten_.emplace(e.ptr(), std::move(w));
+         } else {
+            nameBytes_ -= std::min(nameBytes_, e->name().size());
          }
          return;  // an entity nothing else holds goes here
       }

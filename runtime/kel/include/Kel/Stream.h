@@ -125,6 +125,10 @@ struct ConnectionLimits {
    size_t pathBytes = 4096;
    // Entities one writer may create in a reader.
    size_t entities = 4u << 20;
+   // Bytes of the names of the entities one writer holds in a reader
+   // (counted like `entities`): a message may carry a name of up to
+   // frameBytes, and a reader keeps every name it was given.
+   size_t entityNameBytes = 256u << 20;
    // Server: how long a reader may take to ask for its mount.
    std::chrono::milliseconds mountWait{10000};
    // Server: connections held at once.
@@ -349,6 +353,8 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    class ForgottenWatch;
    std::unordered_map<Entity const *, Ptr<ForgottenWatch>> forgotten_;
    void forgottenDrop();
+   // Name bytes of the replicas counted against limits.entities.
+   size_t nameBytes_ = 0;
 };
 
 } // namespace NboAttrLog
