@@ -219,3 +219,26 @@ TEST(Reflection, EveryTypeNamesItsAttributeLogAdapter) {
    EXPECT_EQ(Sa::read(in, nullptr), LoadInterval(false, 42));
    EXPECT_TRUE(in.atEnd());
 }
+
+// The look-up by name compares whole names: every attribute of every
+// registered type is found by its name and by no name one byte away.
+TEST(Reflection, EveryAttributeIsFoundByItsNameAndNotByANameOneByteAway) {
+   size_t checked = 0;
+   for (auto const * t : Kel::registeredTypes()) {
+      for (auto const & d : t->attributes()) {
+         std::string name(d.name);
+         // (A derived level may repeat a base level's name; the first wins.)
+         auto const * own = t->attribute(name);
+         ASSERT_TRUE(own && std::string_view(own->name) == name) << t->name().str() << "::" << name;
+         for (size_t k = 0; k < name.size(); ++k) {
+            std::string other = name;
+            other[k] ^= 0x20;
+            auto const * found = t->attribute(other);
+            EXPECT_TRUE(!found || std::string_view(found->name) == other)
+                << t->name().str() << "::" << name << " found as " << other;
+         }
+         ++checked;
+      }
+   }
+   EXPECT_GT(checked, 100u);
+}

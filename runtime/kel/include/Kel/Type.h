@@ -10,6 +10,7 @@
 #include <Kel/String8.h>
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string_view>
@@ -158,12 +159,26 @@ class KelType {
       }
       for (size_t i = 0; i < names_.size(); ++i) {
          std::string_view a = names_[i];
-         if (a.size() != n) continue;
-         size_t k = 0;  // names are short: a byte loop beats a call to memcmp
-         while (k < n && a[k] == name[k]) ++k;
-         if (k == n) return &attrs_[i];
+         if (a.size() == n && sameBytes(a.data(), name.data(), n)) return &attrs_[i];
       }
       return nullptr;
+   }
+   // Equal bytes, for short names without a loop or a call: the first and
+   // last words (overlapping when the name is shorter than two).
+   static bool sameBytes(char const * a, char const * b, size_t n) {
+      auto word = [](char const * p, auto w) {
+         std::memcpy(&w, p, sizeof w);
+         return w;
+      };
+      if (n >= 8 && n <= 16) {
+         return word(a, uint64_t()) == word(b, uint64_t()) &&
+                word(a + n - 8, uint64_t()) == word(b + n - 8, uint64_t());
+      }
+      if (n >= 4 && n < 8) {
+         return word(a, uint32_t()) == word(b, uint32_t()) &&
+                word(a + n - 4, uint32_t()) == word(b + n - 4, uint32_t());
+      }
+      return std::memcmp(a, b, n) == 0;
    }
    // Builds the look-up by name; the type's maker calls it once the
    // attributes are complete.
