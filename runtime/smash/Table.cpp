@@ -397,7 +397,7 @@ std::pair<uint64_t, bool> probe(Mapping const & m, void const * key, uint64_t * 
          if (*firstFree == UINT64_MAX) *firstFree = i;
          continue;
       }
-      if (std::memcmp(s + 8, key, m.shape.keyBytes) == 0) return {i, true};
+      if (sameKey(s + 8, key, m.shape.keyBytes)) return {i, true};
    }
    return {UINT64_MAX, false};
 }
