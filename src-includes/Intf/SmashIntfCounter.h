@@ -28,17 +28,18 @@ class SmashIntfCounter : public IntfCounter {
    DirPtr const & counterDir() const { return dir_; }
 
    IntfStatistics statistics() const override {
-      Smash::RowBuffer<Smash::Interface::IntfCounter> b;
-      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().statistics();
-      return {};
+      Row b;
+      return find(b) ? b.row().statistics() : IntfStatistics();
    }
    IntfRates rates() const override {
-      Smash::RowBuffer<Smash::Interface::IntfCounter> b;
-      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().rates();
-      return {};
+      Row b;
+      return find(b) ? b.row().rates() : IntfRates();
    }
 
  private:
+   using Row = Smash::RowBuffer<Smash::Interface::IntfCounter>;
+   // This interface's row, read afresh; false without a directory or a row.
+   bool find(Row & b) const { return dir_ && dir_->counterFind(intfId_, b.slot()); }
    DirPtr dir_;
 };
 KEL_FACTORY(smashIntfCounterFactory, SmashIntfCounter);
