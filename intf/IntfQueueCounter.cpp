@@ -73,10 +73,6 @@ IntfQueueStatistics::IntfQueueStatistics(Kel::Name name, unsigned char queueId,
    }
 }
 
-Kel::Name IntfQueueStatistics::queueName(unsigned char queueId, Interface::PktType pktType) {
-   return Kel::Name(std::to_string(queueId) + "-" + stringValue(pktType).str());
-}
-
 uint64_t IntfQueueStatistics::counterAddrLookup(bool forRead) const {
    static const char * const function =
        "uint64_t Interface::IntfQueueStatistics::counterAddr(bool) const";
@@ -100,7 +96,8 @@ uint64_t IntfQueueStatistics::counterAddrLookup(bool forRead) const {
    }
    bool counterDirCollection = holds(*all, *dir);
    KEL_ASSERT(counterDirCollection, "Intf");
-   Kel::String8 key = dir->intfId().stringValue() + "-" + counter->name() + "-" + name();
+   Kel::String8 key = dir->intfId().stringValue() + "-" + counter->name() + "-" +
+                      Kel::String8(std::to_string(queueId())) + "-" + stringValue(pktType());
    return cellOf(*this, *all, true, key, forRead, function);
 }
 

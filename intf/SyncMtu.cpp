@@ -44,13 +44,16 @@ Kel::LogMessage const & intfMaxMtuExceeded() {
         "for this type of interface",
         "Change the interface configuration to be consistent with the maximum supported mtu for "
         "this interface type.",
-        10});
+        // Every clipping call is the caller's event and is written; only a
+        // flood of the same message (an agent calling in a loop) is cut.
+        10, 100});
    return m;
 }
 
 bool syncMtu(IntfStatus * status, IntfStatusLocal * statusLocal, IntfConfig const * config,
              bool updateStatus, bool updateKernel, S32 fd) {
-   KEL_ASSERT(status, "SyncMtu");
+   auto * intfStatus = status;
+   KEL_ASSERT(intfStatus, "SyncMtu");
    Zenet::NamespaceName ns{Kel::String8(Zenet::DEFAULT_NS)};
    if (statusLocal && !statusLocal->netNsName().name().empty()) ns = statusLocal->netNsName();
    return syncMtuInNs(status, config, updateStatus, updateKernel, ns, fd);
@@ -58,7 +61,8 @@ bool syncMtu(IntfStatus * status, IntfStatusLocal * statusLocal, IntfConfig cons
 
 bool syncMtuInNs(IntfStatus * status, IntfConfig const * config, bool updateStatus,
                  bool updateKernel, Zenet::NamespaceName ns, int fd) {
-   KEL_ASSERT(status, "SyncMtu");
+   auto * intfStatus = status;
+   KEL_ASSERT(intfStatus, "SyncMtu");
    Kel::String8 name = status->intfId().stringValue();
    KEL_TRACE(trace, 2, "syncMtuInNs " + name + " in " + ns.name() + " updateStatus " +
                            Kel::String8(std::to_string(updateStatus)) + " updateKernel " +

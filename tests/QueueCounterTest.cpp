@@ -69,19 +69,37 @@ Kel::Ptr<IntfQueueStatistics> queueOf(Kel::Ptr<AllIntfQueueCounterDir> const & a
 
 } // namespace
 
-TEST(QueueCounter, QueueIdsAbove17AreRefusedBeforeTheQueueJoinsItsCounter) {
+TEST(QueueCounter, QueuesAreKeyedByIndexInIndexOrderAndRefuseAnotherPacketTypeOrAnIndexPast17) {
    auto c = Kel::makePtr<IntfQueueCounter>("current");
-   EXPECT_EQ(c->queuesIs(17, PktType::mc)->queueId(), 17);
-   EXPECT_EQ(c->queuesIs(17, PktType::mc)->name(), Kel::Name("17-mc"));
-   for (unsigned char q : {18, 200, 255}) {
+   for (unsigned char q : {9, 17, 0, 4}) c->queuesIs(q, PktType::mc);
+   std::vector<int> order;
+   for (auto const & m : c->queuesRange()) order.push_back(m.key());
+   EXPECT_EQ(order, (std::vector<int>{0, 4, 9, 17}));
+   EXPECT_EQ(c->queues(17)->queueId(), 17);
+   EXPECT_EQ(c->queues(17)->name(), Kel::Name("17"));
+   EXPECT_EQ(c->queuesIs(17, PktType::mc), c->queues(17));
+   auto refusal = [&](unsigned char q, PktType t) -> std::string {
       try {
-         c->queuesIs(q, PktType::uc);
-         ADD_FAILURE() << "queue " << int(q) << " was accepted";
+         c->queuesIs(q, t);
       } catch (Kel::Exception const & e) {
-         EXPECT_EQ(e.message(), Kel::String8("IntfQueueStatistics::queueId < 0 or > Expr @Intf:498 not allowed"));
+         return e.message().str();
       }
+      return "accepted";
+   };
+   EXPECT_EQ(refusal(17, PktType::uc),
+             "Reinstantiating the entity with name 17 where constructor parameter attribute _pktType "
+             "has a different value of 'uc' than the current value of 'mc' not allowed");
+   for (unsigned char q : {18, 200, 255}) {
+      EXPECT_EQ(refusal(q, PktType::uc), "IntfQueueStatistics::queueId < 0 or > Expr @Intf:498 not allowed")
+          << int(q);
    }
-   EXPECT_EQ(c->queuesSize(), 1u);
+   EXPECT_EQ(c->queuesSize(), 4u);
+   EXPECT_EQ(c->queues(17)->pktType(), PktType::mc);
+   // By reflection, the collection is indexed by the queue index too.
+   IntfQueueCounter::GenericIf_ g(c);
+   auto found = g.attributeAt("queues", Kel::toGeneric(uint8_t(9)));
+   ASSERT_TRUE(found);
+   EXPECT_EQ(Kel::fromGeneric<Kel::Ptr<IntfQueueStatistics>>(*found, "queues"), c->queues(9));
 }
 
 TEST(QueueCounter, AReaderTrustsACellOnlyInTheGenerationItHasSeen) {
@@ -170,7 +188,7 @@ TEST(QueueCounter, ACounterOutOfPlaceHasNoCellReadsZeroAndDropsWrites) {
            keep.push_back(c);
            return Kel::Ptr<Kel::Entity>(c->queuesIs(0, PktType::uc));
         },
-        " grandparent is null. Counter path: current/0-uc"},
+        " grandparent is null. Counter path: current/0"},
        {"a counter directory outside the top directory",
         [](auto & keep) {
            auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
@@ -195,7 +213,7 @@ TEST(QueueCounter, ACounterOutOfPlaceHasNoCellReadsZeroAndDropsWrites) {
            top->entryIs(d);
            return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current")->queuesIs(1, PktType::mc));
         },
-        " greatgrandparent is not AllEthIntfCounterDir! Counter path: top/Ethernet1/current/1-mc"},
+        " greatgrandparent is not AllEthIntfCounterDir! Counter path: top/Ethernet1/current/1"},
    };
    for (auto const & c : cases) {
       SCOPED_TRACE(c.name);
@@ -277,7 +295,7 @@ TEST(QueueCounter, AMountedReaderFollowsTheWritersGenerationsAndKeepsValuesAfter
    ASSERT_TRUE(until([&] { return client.synced(); }));
    auto all = Kel::Ptr<AllIntfQueueCounterDir>(dynamic_cast<AllIntfQueueCounterDir *>(client.root().ptr()));
    ASSERT_TRUE(all);
-   auto q = all->intfQueueCounterDir(eth(1))->intfQueueCounter("current")->queues("5-uc");
+   auto q = all->intfQueueCounterDir(eth(1))->intfQueueCounter("current")->queues(5);
    ASSERT_TRUE(q);
    EXPECT_EQ(q->counterGenId(), 1u);
    EXPECT_EQ(q->pkts(), 100u);

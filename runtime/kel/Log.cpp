@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -16,7 +17,8 @@ struct LogState {
    std::mutex mutex;
    std::map<std::string, std::unique_ptr<LogMessage>, std::less<>> messages;
    struct Repeat {
-      double lastWritten = -1e300;
+      double windowStart = -1e300;
+      uint32_t written = 0;  // in the current window
       uint64_t suppressed = 0;
    };
    std::map<LogMessage const *, Repeat> repeats;
@@ -144,13 +146,17 @@ void logEventArgs(LogMessage const & m, std::vector<String8> args) {
       std::lock_guard<std::mutex> g(s.mutex);
       double now = s.clock ? s.clock() : monotonic();
       auto & r = s.repeats[&m];
-      if (now - r.lastWritten < m.minIntervalSeconds) {
+      if (now - r.windowStart >= m.minIntervalSeconds) {
+         r.windowStart = now;
+         r.written = 0;
+      }
+      if (r.written >= std::max<uint32_t>(m.burst, 1)) {
          ++r.suppressed;
          return;
       }
+      ++r.written;
       e.suppressed = r.suppressed;
       r.suppressed = 0;
-      r.lastWritten = now;
       e.time = now;
       sink = s.sink ? s.sink : standardErrorLogSink();
    }

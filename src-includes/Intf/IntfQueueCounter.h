@@ -13,8 +13,9 @@
 // (cells of IntfQueueStatistics) are children of AllIntfQueueCounterDir.
 //
 // Cell keys: "<interface identifier>-<counter name>" for an IntfQueueCounter
-// and "<interface identifier>-<counter name>-<queue name>" for its queues,
-// whose names are "<queueId>-<packet type>" ("3-uc").
+// and "<interface identifier>-<counter name>-<queueId>-<packet type>"
+// ("Ethernet1-current-3-uc") for its queues. A counter's queues are keyed by
+// their queue index, in index order, and named by it ("3").
 #pragma once
 
 #include <Brik/ShmemCounter.h>
@@ -42,6 +43,9 @@ class IntfQueueStatistics : public Kel::Entity {
  public:
    // A queueId above 17 is refused before the entity joins any collection.
    IntfQueueStatistics(Kel::Name name, unsigned char queueId, Interface::PktType pktType);
+   // Named by its index, as a counter's queues collection makes it.
+   IntfQueueStatistics(unsigned char queueId, Interface::PktType pktType)
+         : IntfQueueStatistics(Kel::Name(std::to_string(queueId)), queueId, pktType) {}
    // The address of this queue's cell, 0 when there is none (see
    // IntfQueueCounter::counterAddr).
    uint64_t counterAddr(bool forRead) const {
@@ -51,10 +55,6 @@ class IntfQueueStatistics : public Kel::Entity {
 
  private:
    uint64_t counterAddrLookup(bool forRead) const;
-
- public:
-   // The name a queue's statistics are kept under: "<queueId>-<packet type>".
-   static Kel::Name queueName(unsigned char queueId, Interface::PktType pktType);
 };
 KEL_FACTORY(intfQueueStatisticsFactory, IntfQueueStatistics);
 
@@ -64,16 +64,12 @@ KEL_FACTORY(intfQueueStatisticsFactory, IntfQueueStatistics);
    X(Memo, shmemAddr, ShmemAddr, uint64_t, 0)                                         \
    X(Mutable, counterGenId, CounterGenId, uint32_t, 0)                                \
    X(Scalar, shmemReady, ShmemReady, bool, false)                                     \
-   X(InstColl, queues, Queues, Kel::HashMap, Kel::Name, Interface::IntfQueueStatistics)
+   X(InstColl, queues, Queues, Kel::RbTreeMap, uint8_t, Interface::IntfQueueStatistics)
 class IntfQueueCounter : public Kel::Entity {
    KEL_ENTITY(IntfQueueCounter, Kel::Entity, "Interface::IntfQueueCounter",
               KEL_ATTRS_IntfQueueCounter)
  public:
    explicit IntfQueueCounter(Kel::Name name) : Kel::Entity(std::move(name)) {}
-   // The statistics of one queue, made on first request.
-   Kel::Ptr<IntfQueueStatistics> queuesIs(unsigned char queueId, Interface::PktType pktType) {
-      return queuesIs(IntfQueueStatistics::queueName(queueId, pktType), queueId, pktType);
-   }
    // The address of the cell, 0 when there is none. A writer (forRead
    // false) that finds the cell of another generation starts a new one; a
    // reader gets 0 until it has seen the cell's generation.

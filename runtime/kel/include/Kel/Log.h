@@ -3,9 +3,9 @@
 // name, severity, format, explanation and recommended action; each event
 // carries the message, the text formatted from its arguments and the
 // arguments themselves, and goes to the sink the agent chooses (standard
-// error unless told otherwise). Repeats of a message within its interval are
-// not written but counted, and the next event written says how many were
-// suppressed, so a fault logged on every pass cannot flood the log.
+// error unless told otherwise). Past its burst within its interval, events of
+// a message are not written but counted, and the next event written says how
+// many were suppressed, so a fault logged on every pass cannot flood the log.
 #pragma once
 
 #include <Kel/String8.h>
@@ -29,7 +29,11 @@ struct LogMessage {
    String8 format;             // printf-style conversions, each taking the next argument
    String8 explanation;
    String8 recommendedAction;
-   double minIntervalSeconds = 10;  // repeats closer than this are suppressed
+   // Flood guard: at most `burst` events of the message are written per
+   // window of `minIntervalSeconds` (a window opens at the first event
+   // written after the previous one closed); the rest are suppressed.
+   double minIntervalSeconds = 10;
+   uint32_t burst = 1;
 };
 
 struct LogEvent {
