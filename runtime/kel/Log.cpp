@@ -4,7 +4,6 @@
 #include <syslog.h>
 #include <time.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -150,7 +149,7 @@ void logEventArgs(LogMessage const & m, std::vector<String8> args) {
          r.windowStart = now;
          r.written = 0;
       }
-      if (r.written >= std::max<uint32_t>(m.burst, 1)) {
+      if (r.written >= m.burst) {
          ++r.suppressed;
          return;
       }
