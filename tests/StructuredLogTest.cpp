@@ -6,6 +6,8 @@
 
 #include <memory>
 
+#include <time.h>
+
 using Kel::CapturingLogSink;
 using Kel::formatLogText;
 using Kel::String8;
@@ -39,6 +41,7 @@ TEST(StructuredLog, FormatsPutEachArgumentInTurn) {
       {"100%% of %5.2f and %llu", {"x", "7"}, "100% of x and 7"},
       {"%s and %s", {"one"}, "one and %s"},  // an argument short: the conversion stays
       {"trailing %", {"a"}, "trailing %"},
+      {"cut short %5", {"a"}, "cut short %5"},
       {"no conversions", {"extra"}, "no conversions"},
    };
    for (auto const & c : cases) EXPECT_EQ(formatLogText(c.format, c.args), c.text) << c.format;
@@ -79,4 +82,26 @@ TEST(StructuredLog, RepeatsWithinTheIntervalAreCountedAndReportedWithTheNextEven
    ASSERT_EQ(cap.sink->events.size(), 3u);
    EXPECT_EQ(cap.sink->events[2].suppressed, 4u);
    EXPECT_EQ(Kel::logLine(cap.sink->events[2]), "TEST_LOG_REPEAT ERR: n=99 (4 similar messages suppressed)");
+   Kel::logEvent(m, 100);
+   cap.now += 10;
+   Kel::logEvent(m, 101);
+   EXPECT_EQ(Kel::logLine(cap.sink->events.back()), "TEST_LOG_REPEAT ERR: n=101 (1 similar message suppressed)");
+}
+
+TEST(StructuredLog, EventsAreTimedOnTheMonotonicClockUnlessTheAgentSetsAnother) {
+   auto sink = std::make_shared<Kel::CapturingLogSink>();
+   Kel::logSinkIs(sink);
+   auto const & m = Kel::registerLogMessage({"TEST_LOG_CLOCK", Kel::LogSeverity::info, "t", "", "", 0});
+   auto monotonic = [] {
+      timespec t;
+      clock_gettime(CLOCK_MONOTONIC, &t);
+      return double(t.tv_sec) + double(t.tv_nsec) / 1e9;
+   };
+   double before = monotonic();
+   Kel::logEvent(m);
+   double after = monotonic();
+   Kel::logSinkIs(nullptr);
+   ASSERT_EQ(sink->events.size(), 1u);
+   EXPECT_GE(sink->events[0].time, before);
+   EXPECT_LE(sink->events[0].time, after);
 }
