@@ -1,6 +1,6 @@
 // Timers of the activity loop: order, periodic timers without drift, and
 // cancelling from inside a callback.
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,7 @@
 // traffic through loopback, a device's state in a namespace).
 #pragma once
 
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 #include <Zenet/SocketAt.h>
 
 #include <gtest/gtest.h>

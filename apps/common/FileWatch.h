@@ -4,7 +4,7 @@
 // One source of the agent's activity loop.
 #pragma once
 
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 
 #include <functional>
 #include <string>

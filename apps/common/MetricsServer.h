@@ -9,7 +9,7 @@
 // take its answer; a connection past a bound is closed, nothing else is.
 #pragma once
 
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 
 #include <chrono>
 #include <functional>

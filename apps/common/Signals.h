@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 
 #include <signal.h>
 

@@ -8,7 +8,7 @@
 
 #include "LinkSocket.h"
 
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 
 #include <functional>
 #include <memory>

@@ -10,7 +10,7 @@
 // yet): watching starts when it appears (retry()).
 #pragma once
 
-#include <Kel/Stream.h>
+#include <Kel/ActivityLoop.h>
 
 #include <sys/types.h>
 

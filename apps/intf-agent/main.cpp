@@ -3,7 +3,7 @@
 // interfaces, publishes their statuses and counters to the other agents
 // over a Unix-domain socket and a shared-memory counter table, applies the
 // interfaces' configuration from intf-configd to the devices, and answers
-// monitoring scrapes. The served tree is described in HostAgent.h.
+// monitoring scrapes. The served tree is described in ServedTree.h.
 #include "ConfigFile.h"
 #include "ConfigMount.h"
 #include "AgentLog.h"

@@ -54,6 +54,7 @@
 #include <Kel/Entity.h>
 #include <Kel/HashMap.h>
 #include <Kel/NboAttrLog.h>
+#include <Kel/Reflect.h>
 #include <Kel/Value.h>
 
 #include <charconv>

@@ -1,5 +1,6 @@
 // What the generic walkers need to know of a type before the type's own
-// headers are complete: is it a record, is it an enumeration.
+// headers are complete: is it a record, does it check its range, is it an
+// enumeration.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,11 @@ namespace Kel {
 
 template <class V>
 concept ValueType = requires { V::kelIsValueType; };
+
+// A record that checks its own range (`void kelCheck() const`, throwing
+// when a value is out of it).
+template <class V>
+concept HasCheck = requires(V const & v) { v.kelCheck(); };
 
 struct EnumEntry {
    uint32_t value;

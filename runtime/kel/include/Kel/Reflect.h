@@ -1,11 +1,13 @@
 // Type objects of built-ins, enumerations, records and entities, built from
 // the same declarations that give the types their accessors (kelFields(),
-// the entity attribute table). Included by Value.h; not used directly.
+// the entity attribute table). It knows those declarations only through
+// what they provide, so it sits below them: Value.h (records,
+// enumerations) and Attr.h (entities) include it for their type objects.
 #pragma once
 
+#include <Kel/Concepts.h>
 #include <Kel/GenericIf.h>
 #include <Kel/NboAttrLog.h>
-#include <Kel/Value.h>
 
 #include <algorithm>
 #include <tuple>

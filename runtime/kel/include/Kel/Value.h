@@ -21,9 +21,11 @@
 // Enumerations are declared the same way with KEL_ENUM.
 #pragma once
 
-#include <Kel/Exception.h>
 #include <Kel/Concepts.h>
+#include <Kel/Exception.h>
 #include <Kel/GenericIf.h>
+#include <Kel/NboAttrLog.h>
+#include <Kel/Reflect.h>
 #include <Kel/Text.h>
 
 #include <cstdint>
@@ -62,9 +64,6 @@ struct ConstDesc {
    AttributeId id;
 };
 
-
-template <class V>
-concept HasCheck = requires(V const & v) { v.kelCheck(); };
 
 // A record may print itself in a form of its own (kelPrint) while still
 // parsing the generic form.
@@ -369,5 +368,3 @@ struct Text<E> {
    inline std::ostream & operator<<(std::ostream & os, Name v) {                      \
       return os << stringValue(v);                                                    \
    }
-
-#include <Kel/Reflect.h>

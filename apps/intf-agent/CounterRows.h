@@ -1,0 +1,42 @@
+// The agent's counter table (agentCounterTablePath in Paths.h): one row per
+// modelled interface. When a dump of a namespace ends, the statistics it
+// brought are folded into totals and rates (CounterSampler.h) on the
+// monotonic clock, and the rows are written and committed together. A
+// device that goes loses its row; rows left by an earlier run for devices
+// that are no longer there are removed once every namespace has been read.
+#pragma once
+
+#include "ConfigMount.h"
+#include "HostDevice.h"
+
+#include <Intf/SmashIntf.h>
+
+namespace IntfApp {
+
+class CounterRows {
+ public:
+   // Opens the table as its writer (attaching to the table of an earlier
+   // run, which the table engine repairs): throws Smash::Error when another
+   // writer holds it. `config` (may be null) gives the load intervals.
+   explicit CounterRows(ConfigMount const * config);
+   CounterRows(CounterRows const &) = delete;
+   CounterRows & operator=(CounterRows const &) = delete;
+
+   Kel::Ptr<Smash::Interface::AllIntfCounterDir> const & table() const { return table_; }
+   // Folds the fresh statistics of n's modelled devices into their rows, and commits.
+   void fold(HostNamespace & n);
+   void remove(Zenet::IntfId id) { table_->counterDel(id); }
+   void commit() { table_->counterCommit(); }
+   // Once every namespace has ended a dump, and only then: removes the rows
+   // of interfaces no device models.
+   void sweep(HostNamespaces const & namespaces);
+
+ private:
+   Interface::LoadInterval loadInterval(Zenet::IntfId id) const;
+
+   ConfigMount const * config_;
+   Kel::Ptr<Smash::Interface::AllIntfCounterDir> table_;
+   bool swept_ = false;
+};
+
+} // namespace IntfApp
