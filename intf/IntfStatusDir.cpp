@@ -9,7 +9,7 @@ void kelInitIntfStatusDir() {
        {AllIntfConfigDir::_fwkType(), AllIntfStatusDir::_fwkType(),
         AllIntfStatusLocalDir::_fwkType(), AllIntfNamespaceConfigDir::_fwkType(),
         KernelIntfStatusDir::_fwkType(), IntfConfigDirBase::_fwkType(),
-        IntfStatusDirBase::_fwkType(), IntfStatusDir::_fwkType(),
+        IntfStatusDirBase::_fwkType(), IntfStatusDir::_fwkType(), AgentIntfStatusDir::_fwkType(),
         IntfStatusLocalDirBase::_fwkType(), DeviceIntfStatusDir::_fwkType(),
         DeviceIntfStatusDir::IntfStatusAndDeviceName::_fwkType(),
         DeviceVrfIntfStatusDir::_fwkType()});
@@ -20,7 +20,7 @@ void kelModuleIntfStatusDir() {
    Kel::moduleInitializedIs("IntfStatusDir");
    Kel::registerTypes<AllIntfConfigDir, AllIntfStatusDir, AllIntfStatusLocalDir,
                       AllIntfNamespaceConfigDir, KernelIntfStatusDir, IntfConfigDirBase,
-                      IntfStatusDirBase, IntfStatusDir, IntfStatusLocalDirBase,
+                      IntfStatusDirBase, IntfStatusDir, AgentIntfStatusDir, IntfStatusLocalDirBase,
                       DeviceIntfStatusDir, DeviceIntfStatusDir::IntfStatusAndDeviceName,
                       DeviceVrfIntfStatusDir>();
    kelInitIntfStatusDir();

@@ -6,7 +6,6 @@
 // under the running agent, gets its configuration from intf-configd and
 // goes away again.
 #include "ChildProcess.h"
-#include "HostIntfStatusDir.h"
 #include "NetNs.h"
 #include "Paths.h"
 #include "ShmTestPrefix.h"
@@ -48,12 +47,12 @@ namespace {
 // The agent's tree as a reader finds it.
 struct Tree {
    explicit Tree(Kel::Ptr<Kel::Entity> const & root)
-         : status(Kel::dynamicCast<IntfApp::HostIntfStatusDir>(root->entity("interface/status/eth/intf"))),
+         : status(Kel::dynamicCast<AgentIntfStatusDir>(root->entity("interface/status/eth/intf"))),
            local(Kel::dynamicCast<AllIntfStatusLocalDir>(root->entity("interface/status/local"))),
            kernel(Kel::dynamicCast<KernelIntfStatusDir>(root->entity("interface/status/kernel"))),
            device(Kel::dynamicCast<DeviceIntfStatusDir>(root->entity("interface/status/device"))) {}
    bool complete() const { return status && local && kernel && device; }
-   Kel::Ptr<IntfApp::HostIntfStatusDir> status;
+   Kel::Ptr<AgentIntfStatusDir> status;
    Kel::Ptr<AllIntfStatusLocalDir> local;
    Kel::Ptr<KernelIntfStatusDir> kernel;
    Kel::Ptr<DeviceIntfStatusDir> device;
@@ -70,7 +69,6 @@ bool hasRow(Kel::Ptr<Kel::Entity> const & root, IntfId id) {
 class IntfAgent : public ::testing::Test {
  protected:
    void SetUp() override {
-      IntfApp::registerAppTypes();
       shm.table(IntfApp::agentCounterTablePath);
       sock = dir.path + "/agent.sock";
    }
@@ -172,7 +170,7 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    }
    Kel::NboAttrLog::Client late(loop, sock, "interface/status/eth/intf");
    ASSERT_TRUE(until([&] { return late.synced(); })) << agent->stderr_.text;
-   auto lateDir = Kel::dynamicCast<IntfApp::HostIntfStatusDir>(late.root());
+   auto lateDir = Kel::dynamicCast<AgentIntfStatusDir>(late.root());
    ASSERT_TRUE(lateDir);
    EXPECT_EQ(lateDir->intfStatus(lo0)->deviceName(), "lo");
    EXPECT_EQ(::kill(agent->pid, 0), 0);

@@ -31,7 +31,7 @@ ServedTree::ServedTree(Kel::Ptr<Smash::Interface::AllIntfCounterDir> counters, C
       : config_(config) {
    root_ = Kel::makePtr<Kel::Dir>(Kel::Name("agent"));
    auto status = root_->mkdir("interface/status");
-   statusDir_ = Kel::makePtr<HostIntfStatusDir>(Kel::Name("intf"));
+   statusDir_ = Kel::makePtr<Interface::AgentIntfStatusDir>(Kel::Name("intf"));
    status->mkdir("eth")->entryIs(statusDir_);
    localDir_ = Kel::makePtr<Interface::AllIntfStatusLocalDir>(Kel::Name("local"));
    kernelDir_ = Kel::makePtr<Interface::KernelIntfStatusDir>(Kel::Name("kernel"));

@@ -1,7 +1,7 @@
 // The tree the host agent serves, and the status of each modelled device
 // in it. The root is a Kel::Dir; other programs rely on these names:
 //
-//   interface/status/eth/intf   IntfApp::HostIntfStatusDir: an
+//   interface/status/eth/intf   Interface::AgentIntfStatusDir: an
 //                               Interface::IntfStatus per modelled device
 //                               (deviceName, mtu, maxMtu when the kernel
 //                               knows it, operStatus and operStatusChange)
@@ -31,7 +31,6 @@
 
 #include "ConfigMount.h"
 #include "HostDevice.h"
-#include "HostIntfStatusDir.h"
 
 #include <Intf/IntfStatusDir.h>
 #include <Intf/SmashIntf.h>
@@ -65,7 +64,7 @@ class ServedTree {
 
    ConfigMount const * config_;
    Kel::Dir::Ptr root_;
-   Kel::Ptr<HostIntfStatusDir> statusDir_;
+   Kel::Ptr<Interface::AgentIntfStatusDir> statusDir_;
    Kel::Ptr<Interface::AllIntfStatusLocalDir> localDir_;
    Kel::Ptr<Interface::KernelIntfStatusDir> kernelDir_;
    Kel::Ptr<Interface::DeviceIntfStatusDir> deviceDir_;

@@ -13,7 +13,6 @@
 // memory: status->counter() finds each interface's row of the agent's
 // counter table, and every read takes the row as it is now. No request
 // goes to the agent per read.
-#include "HostIntfStatusDir.h"
 #include "Paths.h"
 #include "ShowFormat.h"
 
@@ -129,7 +128,7 @@ Kel::Ptr<T> at(Kel::Ptr<Kel::Entity> const & root, const char * path) {
 
 std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::Ptr<Kel::Entity> const & config) {
    std::vector<IntfApp::IntfView> rows;
-   auto statuses = at<IntfApp::HostIntfStatusDir>(agent, "interface/status/eth/intf");
+   auto statuses = at<Interface::AgentIntfStatusDir>(agent, "interface/status/eth/intf");
    if (!statuses) return rows;
    auto locals = at<Interface::AllIntfStatusLocalDir>(agent, "interface/status/local");
    auto configs = at<Interface::AllIntfConfigDir>(config, "intf");
@@ -201,7 +200,6 @@ int main(int argc, char ** argv) {
    std::signal(SIGPIPE, SIG_IGN);
    std::signal(SIGINT, [](int) { interrupted = 1; });
    std::signal(SIGTERM, [](int) { interrupted = 1; });
-   IntfApp::registerAppTypes();
    // Connection failures are reported below, in the operator's words.
    Kel::traceLevelIs("Kel::NboAttrLog", -1);
    Kel::traceLevelIs("Kel::Agent", -1);

@@ -1,11 +1,12 @@
 // The directories through which agents publish and find interface
-// configurations and statuses, and the device-indexed status directories
-// of host-side agents.
+// statuses: aggregate directories, the per-agent status directory whose
+// members find their counters, and the device-indexed directories of
+// host-side agents. (The configuration directories are in
+// Intf/IntfConfigDir.h, included here for those who include this header.)
 #pragma once
 
 #include <Intf/EntityRefText.h>
-#include <Intf/GlobalIntfConfig.h>
-#include <Intf/IntfConfig.h>
+#include <Intf/IntfConfigDir.h>
 #include <Intf/IntfStatus.h>
 #include <Intf/Types.h>
 #include <Kel/Attr.h>
@@ -13,17 +14,6 @@
 namespace Interface {
 
 // ---- aggregate directories: entries keyed by their own intfId ----------------------------
-
-#define KEL_ATTRS_AllIntfConfigDir(X)                                                 \
-   X(EntColl, intfConfig, IntfConfig, Kel::HashMap, Zenet::IntfId, Interface::IntfConfig, \
-     intfId)
-class AllIntfConfigDir : public Kel::Entity {
-   KEL_ENTITY(AllIntfConfigDir, Kel::Entity, "Interface::AllIntfConfigDir",
-              KEL_ATTRS_AllIntfConfigDir)
- public:
-   explicit AllIntfConfigDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
-};
-KEL_FACTORY(allIntfConfigDirFactory, AllIntfConfigDir);
 
 #define KEL_ATTRS_AllIntfStatusDir(X)                                                 \
    X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, \
@@ -47,18 +37,6 @@ class AllIntfStatusLocalDir : public Kel::Entity {
 };
 KEL_FACTORY(allIntfStatusLocalDirFactory, AllIntfStatusLocalDir);
 
-// Entries are made by the directory from the key.
-#define KEL_ATTRS_AllIntfNamespaceConfigDir(X)                                        \
-   X(InstColl, intfNamespaceConfig, IntfNamespaceConfig, Kel::HashMap, Zenet::IntfId, \
-     Interface::IntfNamespaceConfig)
-class AllIntfNamespaceConfigDir : public Kel::Entity {
-   KEL_ENTITY(AllIntfNamespaceConfigDir, Kel::Entity, "Interface::AllIntfNamespaceConfigDir",
-              KEL_ATTRS_AllIntfNamespaceConfigDir)
- public:
-   explicit AllIntfNamespaceConfigDir(Kel::Name name) : Kel::Entity(std::move(name)) {}
-};
-KEL_FACTORY(allIntfNamespaceConfigDirFactory, AllIntfNamespaceConfigDir);
-
 // Statuses by kernel device name; the statuses belong to other directories.
 #define KEL_ATTRS_KernelIntfStatusDir(X)                                              \
    X(RefColl, intfStatus, IntfStatus, Kel::HashMap, Kel::String8, Interface::IntfStatus)
@@ -70,18 +48,7 @@ class KernelIntfStatusDir : public Kel::Entity {
 };
 KEL_FACTORY(kernelIntfStatusDirFactory, KernelIntfStatusDir);
 
-// ---- bases of per-agent directories ----------------------------------------------------------
-
-#define KEL_ATTRS_IntfConfigDirBase(X)                                                \
-   X(Coll, intfConfigRequest, IntfConfigRequest, Kel::HashMap, Interface::IntfConfigRequest, \
-     bool)
-class IntfConfigDirBase : public Kel::Entity {
-   KEL_ENTITY(IntfConfigDirBase, Kel::Entity, "Interface::IntfConfigDirBase",
-              KEL_ATTRS_IntfConfigDirBase)
- public:
-   explicit IntfConfigDirBase(Kel::Name name) : Kel::Entity(std::move(name)) {}
-};
-KEL_FACTORY(intfConfigDirBaseFactory, IntfConfigDirBase);
+// ---- per-agent status directories -----------------------------------------------------------
 
 // New statuses take their genId from genIdMarker. counterDir caches, for
 // this process only, the counter directory the counter look-up found.
@@ -114,6 +81,22 @@ class IntfStatusDir : public IntfStatusDirBase {
    explicit IntfStatusDir(Kel::Name name) : IntfStatusDirBase(std::move(name)) {}
 };
 KEL_FACTORY(intfStatusDirFactory, IntfStatusDir);
+
+// The status directory an agent publishes its statuses in, keyed by each
+// status's own intfId. Being a status directory (generation marker, counter
+// paths), it lets a member find its counters: status->counter() follows
+// counterDirPath, or counter/<parent's name>/<own name> from three levels
+// up (src-includes/Intf/Counter).
+#define KEL_ATTRS_AgentIntfStatusDir(X)                                               \
+   X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, \
+     intfId)
+class AgentIntfStatusDir : public IntfStatusDirBase {
+   KEL_ENTITY(AgentIntfStatusDir, IntfStatusDirBase, "Interface::AgentIntfStatusDir",
+              KEL_ATTRS_AgentIntfStatusDir)
+ public:
+   explicit AgentIntfStatusDir(Kel::Name name) : IntfStatusDirBase(std::move(name)) {}
+};
+KEL_FACTORY(agentIntfStatusDirFactory, AgentIntfStatusDir);
 
 #define KEL_ATTRS_IntfStatusLocalDirBase(X)
 class IntfStatusLocalDirBase : public Kel::Entity {
