@@ -97,6 +97,7 @@ struct Stream {
       frame(Log::msgCreate, [&](Out & m) {
          m.putU32(id);
          m.putString("Kel::Dir");
+         m.putU8(0);  // no base types
          m.putString(name);
       });
    }
@@ -176,7 +177,8 @@ TEST(ReplicationPeers, MountPathsOutsideTheServedTreeAreRefusedWithTheReason) {
       {"leaf1//x", "mount path must name entities below the served root: leaf1//x"},
       {"leaf1/", "mount path must name entities below the served root: leaf1/"},
       {"./leaf1", "mount path must name entities below the served root: ./leaf1"},
-      {"nosuch", "no entity at nosuch"},
+      {"nosuch", "no entity at nosuch: the served entity holds leaf0, leaf1, leaf2"},
+      {"leaf1/x/y", "no entity at leaf1/x/y: leaf1 holds no entities"},
    };
    auto tree = makeTree(3);
    auto served = tree->entity("served");
@@ -186,6 +188,7 @@ TEST(ReplicationPeers, MountPathsOutsideTheServedTreeAreRefusedWithTheReason) {
       EXPECT_FALSE(l.reader.synced()) << c.path;
       EXPECT_EQ(l.reader.closeReason(), "writer closed the connection: " + c.reason) << c.path;
       EXPECT_EQ(l.writer.closeReason(), String8(c.reason));
+      EXPECT_EQ(l.reader.peerName(), "w");  // who refused is named even before serving
    }
    Link fine(served, "leaf2");
    fine.run();

@@ -3,6 +3,7 @@
 // reactors saw through a pipe.
 #include "TestTypes.h"
 
+#include <Intf/IntfStatusDir.h>
 #include <Kel/Stream.h>
 
 #include "Pipe.h"
@@ -397,4 +398,62 @@ TEST(Replication, AnUnknownEnumerationNumberIsCountedAndTheStreamGoesOn) {
    auto root = Kel::dynamicCast<Thing>(r.root());
    EXPECT_EQ(root->count(), 12u);
    EXPECT_EQ(root->state(), Interface::IntfEnabledState::unknownEnabledState);
+}
+
+namespace {
+
+// Types no process of the tests registers: one below a base the reader
+// makes from a name, one below a base with constructor rows only.
+#define KEL_ATTRS_PrivateStatusDir(X) X(Scalar, extra, Extra, uint32_t, 0)
+class PrivateStatusDir : public Interface::IntfStatusDirBase {
+   KEL_ENTITY(PrivateStatusDir, Interface::IntfStatusDirBase, "KelTest::PrivateStatusDir",
+              KEL_ATTRS_PrivateStatusDir)
+ public:
+   explicit PrivateStatusDir(Kel::Name n) : Interface::IntfStatusDirBase(std::move(n)) {}
+};
+#define KEL_ATTRS_PrivateThing(X) X(Scalar, extra, Extra, uint32_t, 0)
+class PrivateThing : public Thing {
+   KEL_ENTITY(PrivateThing, Thing, "KelTest::PrivateThing", KEL_ATTRS_PrivateThing)
+ public:
+   explicit PrivateThing(uint32_t id) : Thing(id) {}
+};
+
+} // namespace
+
+TEST(Replication, AnEntityOfATypeTheReaderLacksIsReadAsTheNearestBaseItKnowsOrRefusedWithAWayOut) {
+   registerTestTypes();
+   std::vector<std::string> traced;
+   Kel::traceSinkIs([&](const char *, int level, Kel::String8 const & m) {
+      if (level == 0) traced.push_back(m.str());
+   });
+   int devnull = ::open("/dev/null", O_RDWR);
+   auto dir = Kel::makePtr<PrivateStatusDir>(Kel::Name("intf"));
+   dir->extraIs(7);
+   dir->counterDirPathIs("counters");
+   std::string bytes = captureStream(dir, [&] {
+      dir->extraIs(8);
+      dir->counterDirPathIs("elsewhere");
+   });
+   Reader r(devnull, "");
+   r.receive(bytes.data(), bytes.size());
+   EXPECT_FALSE(r.closed()) << r.closeReason();
+   auto base = Kel::dynamicCast<Interface::IntfStatusDirBase>(r.root());
+   ASSERT_TRUE(base);
+   EXPECT_EQ(base->fwkType()->name(), "Interface::IntfStatusDirBase");
+   EXPECT_EQ(base->name(), "intf");
+   EXPECT_EQ(base->counterDirPath(), "elsewhere");  // the base's rows go on; the type's own are skipped
+   Reader again(devnull, "");
+   again.receive(bytes.data(), bytes.size());
+   EXPECT_EQ(traced, std::vector<std::string>{"KelTest::PrivateStatusDir is not registered here: read as its "
+                                              "base Interface::IntfStatusDirBase, without the rows of its own"});
+
+   auto thing = Kel::makePtr<PrivateThing>(3);
+   bytes = captureStream(thing);
+   Reader refused(devnull, "");
+   refused.receive(bytes.data(), bytes.size());
+   EXPECT_TRUE(refused.closed());
+   EXPECT_EQ(refused.closeReason(), "unknown type KelTest::PrivateThing: register it in this process "
+                                    "(Kel::registerTypes) with the declaration its server publishes");
+   Kel::traceSinkIs(nullptr);
+   ::close(devnull);
 }

@@ -80,13 +80,18 @@ TEST(ServeMount, AClientHearsTheTreeTheServersDeathAndTheTreeAgainAfterReconnect
 TEST(ServeMount, AMountOfAPathThatNamesNothingReachesTheClientWithTheServersReason) {
    std::string path = "@intf-serve-" + std::to_string(::getpid());  // abstract: no file
    auto dir = Kel::makePtr<Interface::AllIntfConfigDir>(Kel::Name("config"));
+   for (int i = 1; i <= 10; ++i) {
+      dir->intfConfigIs(Interface::intfConfigFactory(Zenet::IntfId(std::string_view("Ethernet" + std::to_string(i)))));
+   }
    Kel::ActivityLoop loop;
    Server server(loop, path, dir, "configAgent");
    ASSERT_TRUE(server.valid()) << server.error();
-   Client client(loop, path, "Ethernet9");
+   Client client(loop, path, "Ethernet19");
    std::string why;
    client.onClosed = [&](Kel::String8 const & r) { why = r.str(); };
    loop.runUntil([&] { return !why.empty() && server.connections() == 0; }, 5000);
-   EXPECT_EQ(why, "writer closed the connection: no entity at Ethernet9");
+   // What is there is named, the first few in order.
+   EXPECT_EQ(why, "writer closed the connection: no entity at Ethernet19: the served entity holds "
+                  "Ethernet1, Ethernet10, Ethernet2, Ethernet3, Ethernet4, Ethernet5, Ethernet6, Ethernet7 and 2 more");
    EXPECT_EQ(server.connections(), 0u);  // its writer went with the connection
 }

@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <mutex>
+#include <unordered_set>
 
 namespace Kel::NboAttrLog {
 
@@ -107,7 +109,9 @@ void Reader::close(String8 const & why) {
    if (closed_) return;
    closed_ = true;
    reason_ = why;
-   KEL_TRACE(trace, 0, "closing connection to " + cut(peer_.view()) + ": " + cut(why.view()));
+   // A writer that never named itself is left unnamed rather than named "".
+   String8 to = peer_.empty() ? String8() : " to " + cut(peer_.view());
+   KEL_TRACE(trace, 0, "closing connection" + to + ": " + cut(why.view()));
    ::shutdown(fd_, SHUT_RDWR);
    std::string().swap(in_);
    std::string().swap(out_);
@@ -126,6 +130,32 @@ Entity * Reader::entityById(uint32_t id) const {
    return it->second.ptr();
 }
 
+Ptr<Entity> Reader::standIn(String8 const & typeName, std::vector<String8> const & bases, String8 const & name,
+                            In & ctorArgs) {
+   for (auto const & b : bases) {
+      KelType const * t = findType(b.view());
+      if (!t || !t->logNewEntity || !t->constructorArgNames().empty()) continue;
+      Out args;
+      args.putString(name.view());
+      In in(args.data(), args.size());
+      Ptr<Entity> e = t->logNewEntity(in, this);
+      ctorArgs.skipRest();
+      static std::mutex tracedMutex;
+      // Once per type and process; a bounded number of types, whatever
+      // writers send.
+      static std::unordered_set<std::string> traced;
+      std::unique_lock<std::mutex> lock(tracedMutex);
+      if (traced.size() < 64 && traced.insert(typeName.str()).second) {
+         lock.unlock();
+         KEL_TRACE(trace, 0, cut(typeName.view()) + " is not registered here: read as its base " + t->name() +
+                                 ", without the rows of its own");
+      }
+      return e;
+   }
+   throw StreamError("unknown type " + cut(typeName.view()) +
+                     ": register it in this process (Kel::registerTypes) with the declaration its server publishes");
+}
+
 Ptr<Entity> Reader::readRef(In & in) {
    uint8_t kind = in.nextU8();
    if (kind == 0) return nullptr;
@@ -136,8 +166,9 @@ Ptr<Entity> Reader::readRef(In & in) {
       // adopted into a replica's owning collection.
       String8 path = in.nextString();
       if (owningTarget_) throw StreamError("a reference by name cannot become a member of " + cut(path.view()) + "'s new owner");
-      if (path.empty() || path[0] != '/') return nullptr;
-      return globalDir()->entity(path.view());
+      Ptr<Entity> found = !path.empty() && path[0] == '/' ? globalDir()->entity(path.view()) : nullptr;
+      if (!found) unresolved_ = path;
+      return found;
    }
    throw StreamError("bad entity reference");
 }
@@ -189,13 +220,21 @@ void Reader::apply(uint8_t type, In & in) {
       case msgCreate: {
          uint32_t id = in.nextU32();
          String8 typeName = in.nextString();
-         KelType const * t = findType(typeName.view());
-         if (!t || !t->logNewEntity) throw StreamError("unknown type " + cut(typeName.view()));
+         std::vector<String8> bases(in.nextU8());
+         for (auto & b : bases) b = in.nextString();
+         String8 name = bases.empty() ? String8() : in.nextString();
          if (byId_.count(id)) throw StreamError(format("entity %u created twice", id));
          if (byId_.size() + forgotten_.size() >= limits_.entities) {
             throw StreamError(format("more than %zu entities from one writer", limits_.entities));
          }
-         Ptr<Entity> e = t->logNewEntity(in, this);
+         KelType const * t = findType(typeName.view());
+         Ptr<Entity> e;
+         if (t && t->logNewEntity) {
+            e = t->logNewEntity(in, this);
+         } else {
+            e = standIn(typeName, bases, name, in);
+            standIns_.insert(id);
+         }
          if (e->name().size() > limits_.entityNameBytes - std::min(nameBytes_, limits_.entityNameBytes)) {
             throw StreamError(format("entity names of one writer exceed %zu bytes", limits_.entityNameBytes));
          }
@@ -208,13 +247,19 @@ void Reader::apply(uint8_t type, In & in) {
       case msgAttr:
       case msgMember:
       case msgCollAll: {
-         Entity * e = entityById(in.nextU32());
+         uint32_t id = in.nextU32();
+         Entity * e = entityById(id);
          AttrDesc const * d = e->fwkType()->attribute(in.nextU32());
+         if (!d && standIns_.count(id)) {
+            in.skipRest();  // an attribute of the type the stand-in does not know
+            return;
+         }
          if (!d || !d->replicated()) throw StreamError("unknown attribute");
          if (in.nextU8() != tokenBegin) throw StreamError("missing transaction begin");
          owningTarget_ = d->kind == AttrKind::EntColl || d->kind == AttrKind::InstColl ||
                          d->kind == AttrKind::InstChild;
-         {
+         unresolved_ = String8();
+         try {
             ApplyingUpdate applying(e);
             if (type == msgAttr && d->logRead) {
                d->logRead(e, in, this);
@@ -225,6 +270,15 @@ void Reader::apply(uint8_t type, In & in) {
             } else {
                throw StreamError("message does not fit the attribute");
             }
+         } catch (UnknownEnum const &) {
+            throw;
+         } catch (RangeException const &) {
+            // Refused because a reference led outside the mount (a null
+            // refusal, say): name where it leads, not the refusal.
+            if (unresolved_.empty()) throw;
+            throw StreamError(cut(e->fullName().view()) + ": " + String8(d->name) + " refers to " +
+                              cut(unresolved_.view()) +
+                              ", outside the mounted path; mount an entity that holds both");
          }
          owningTarget_ = false;
          if (in.nextU8() != tokenEnd) throw StreamError("missing transaction end");
@@ -240,6 +294,7 @@ void Reader::apply(uint8_t type, In & in) {
       case msgForget: {
          auto it = byId_.find(in.nextU32());
          if (it == byId_.end()) return;
+         standIns_.erase(it->first);
          Ptr<Entity> e = std::move(it->second);
          byId_.erase(it);
          if (e->references() > 1) {

@@ -154,9 +154,15 @@ constexpr const char * peerWentAway = "peer went away";
 
 void Writer::close(String8 const & why) {
    if (closed_) return;
-   // Tell the reader why, if the socket takes it now.
+   // Tell the reader why, if the socket takes it now; one refused before
+   // it was served learns first who refuses it.
    {
       Out msg;
+      if (!served_) {
+         size_t hello = beginFrame(msg, msgHello);
+         msg.putString(name_.view());
+         endFrame(msg, hello);
+      }
       size_t frame = beginFrame(msg, msgClose);
       msg.putString(cut(why.view(), 1000).view());
       endFrame(msg, frame);
@@ -197,20 +203,46 @@ void Writer::onDropped() {
    if (handler) handler(reason);
 }
 
+namespace {
+
+// What a missing mount path's last entity does hold: "<where> holds a, b"
+// (the first few names, sorted), so that the reader learns what it may mount.
+String8 whatIsThere(Entity const & at, std::string_view where) {
+   std::vector<std::string> names;
+   at.kelForEachChild(
+       [](void * ctx, Entity * child) { static_cast<std::vector<std::string> *>(ctx)->push_back(child->name().str()); },
+       &names);
+   std::sort(names.begin(), names.end());
+   std::string held;
+   constexpr size_t shown = 8;
+   for (size_t i = 0; i < names.size() && i < shown; ++i) held += (i ? ", " : "") + cut(names[i], 40).str();
+   if (names.size() > shown) held += " and " + std::to_string(names.size() - shown) + " more";
+   String8 place = where.empty() ? String8("the served entity") : cut(where, 60);
+   return place + (names.empty() ? String8(" holds no entities") : " holds " + String8(held));
+}
+
+} // namespace
+
 Ptr<Entity> Writer::resolveMount(std::string_view path, String8 * why) const {
    Ptr<Entity> cur = root_;
    std::string_view rest = path;
-   while (!rest.empty() && cur) {
+   while (!rest.empty()) {
       size_t slash = rest.find('/');
       std::string_view name = rest.substr(0, slash);
+      std::string_view reached = path.substr(0, size_t(name.data() - path.data()));
       rest = slash == std::string_view::npos ? std::string_view() : rest.substr(slash + 1);
       if (name.empty() || name == "." || name == ".." || (slash != std::string_view::npos && rest.empty())) {
          *why = "mount path must name entities below the served root: " + cut(path);
          return nullptr;
       }
-      cur = cur->kelChildNamed(name);
+      Ptr<Entity> next = cur->kelChildNamed(name);
+      if (!next) {
+         if (!reached.empty()) reached.remove_suffix(1);  // its slash
+         *why = "no entity at " + cut(path) + ": " + whatIsThere(*cur, reached);
+         return nullptr;
+      }
+      cur = next;
    }
-   if (!cur) *why = "no entity at " + cut(path);
    return cur;
 }
 
@@ -342,9 +374,17 @@ void Writer::createAll(std::vector<Entity *> const & fresh) {
       EntityAdapter * a = adapter(e);
       if (!a) continue;
       compose(msgCreate, [&](Out & o) {
+         KelType const * t = e->fwkType();
          o.putU32(a->id());
-         o.putString(e->fwkType()->name().view());
-         if (e->fwkType()->logWriteCtor) e->fwkType()->logWriteCtor(e, o, this);
+         o.putString(t->name().view());
+         // Its base types, nearest first, and its name: a reader that does
+         // not know the type makes a base it knows in its place.
+         std::vector<KelType const *> bases;
+         for (KelType const * b = t->base(); b && b->base() && bases.size() < 255; b = b->base()) bases.push_back(b);
+         o.putU8(uint8_t(bases.size()));
+         for (KelType const * b : bases) o.putString(b->name().view());
+         if (!bases.empty()) o.putString(e->name().view());
+         if (t->logWriteCtor) t->logWriteCtor(e, o, this);
       });
       if (closed_) break;
       a->notifierIs(e);

@@ -97,6 +97,7 @@ class In {
    size_t left() const { return size_t(end_ - p_); }
    bool atEnd() const { return p_ == end_; }
    char const * pos() const { return p_; }
+   void skipRest() { p_ = end_; }
 
    bool nextbool() {
       uint8_t b = nextU8();

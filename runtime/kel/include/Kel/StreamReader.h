@@ -16,6 +16,8 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 namespace Kel::NboAttrLog {
 
@@ -62,6 +64,10 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    void writeRef(Out &, Entity const *) override {}
    Ptr<Entity> readRef(In & in) override;
    Entity * entityById(uint32_t id) const;
+   // In place of an entity of a type this process does not know: the
+   // nearest of its bases that it knows and makes from a name alone.
+   Ptr<Entity> standIn(String8 const & typeName, std::vector<String8> const & bases, String8 const & name,
+                       In & ctorArgs);
 
    int fd_;
    ConnectionLimits limits_;
@@ -69,6 +75,9 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    // Set while applying to an owning collection: a reference by name
    // (to an entity of this process) may not be placed there.
    bool owningTarget_ = false;
+   // The full name of the last reference by name that this process does not
+   // hold, within the message being applied: named when the update fails.
+   String8 unresolved_;
    bool syncToTell_ = false;
    std::function<void(String8 const &)> closeHandler_;
    std::function<void()> syncHandler_;
@@ -84,6 +93,9 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    uint64_t unknownEnums_ = 0;
    uint64_t applied_ = 0;
    std::unordered_map<uint32_t, Ptr<Entity>> byId_;
+   // Entities made as a base of their type: updates of the type's own
+   // attributes are skipped.
+   std::unordered_set<uint32_t> standIns_;
    // Replicas the writer forgot while something here still holds them (a
    // replica's collection, say): they count against limits.entities until
    // they go, so that forgetting what it created lets no writer past it.
