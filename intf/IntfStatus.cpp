@@ -34,7 +34,12 @@ Kel::Ptr<IntfCounter> IntfStatus::lookUpCounter() const {
    // The look-up requires a status directory; a status kept elsewhere (an
    // aggregate directory, no parent) has no counters to find.
    auto const * p = parentRaw();
-   if (p && !dynamic_cast<IntfStatusDirBase const *>(p)) return nullptr;
+   if (p && !dynamic_cast<IntfStatusDirBase const *>(p)) {
+      INTF_COUNTER_TRACE(1, Intf::CounterDetail::notAStatusDir, "counterCommon",
+                         fullName() + ": its directory (" + p->fwkType()->name() +
+                             ") is not a status directory (Interface::IntfStatusDirBase): no counters to find");
+      return nullptr;
+   }
    return Intf::counterCommon<IntfCounter>(Kel::Ptr<IntfStatus const>(this));
 }
 

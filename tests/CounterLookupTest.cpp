@@ -10,26 +10,10 @@
 
 #include <functional>
 
-namespace KelTest {
-
-// A status directory of the test's own: statuses live in per-agent
-// directories derived from IntfStatusDirBase.
-#define KEL_ATTRS_LookupStatusDir(X)                                                  \
-   X(EntColl, intfStatus, IntfStatus, Kel::HashMap, Zenet::IntfId, Interface::IntfStatus, intfId)
-class LookupStatusDir : public Interface::IntfStatusDirBase {
-   KEL_ENTITY(LookupStatusDir, Interface::IntfStatusDirBase, "KelTest::LookupStatusDir", KEL_ATTRS_LookupStatusDir)
- public:
-   explicit LookupStatusDir(Kel::Name n) : Interface::IntfStatusDirBase(std::move(n)) {}
-};
-KEL_FACTORY(lookupStatusDirFactory, LookupStatusDir);
-
-} // namespace KelTest
-
 namespace {
 
-using KelTest::LookupStatusDir;
-
 using namespace Interface;
+using LookupStatusDir = AgentIntfStatusDir;
 
 struct Msg {
    int level;
@@ -129,6 +113,11 @@ struct Tree : ShmTestPrefix {
       notACounterDir->counterDirPathIs("counter/eth/plain");  // a plain directory
       namesNothing = dir(statusEth, "nothing");
       namesNothing->counterDirPathIs("counter/eth/absent");
+      auto overMissing = Kel::makePtr<SmashIntfCounterDirDir>("missing");
+      overMissing->tablePathIs(table("lookup/missing"));  // a table nobody made
+      counterEth->entryIs(overMissing);
+      overMissingTable = dir(statusEth, "overmissing");
+      overMissingTable->counterDirPathIs("counter/eth/missing");
 
       // Tables: sub-interfaces and VLANs, and ACL drops in slices.
       auto smash = root->mkdir("Smash");
@@ -172,7 +161,7 @@ struct Tree : ShmTestPrefix {
    std::map<std::string, Kel::Ptr<AllIntfCounterDir>> sliceDirs;
    std::map<std::string, Kel::Ptr<Smash::Interface::AllDropCounterDir>> dropDirs;
    std::map<std::string, IntfCounter::Ptr> current;
-   Kel::Ptr<LookupStatusDir> phy, intf, configured, notACounterDir, namesNothing, subintf, vlan;
+   Kel::Ptr<LookupStatusDir> phy, intf, configured, notACounterDir, namesNothing, overMissingTable, subintf, vlan;
    Kel::Ptr<Smash::Interface::AllIntfCounterDir> tableDir;
 };
 
@@ -267,6 +256,15 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
                                    {0, 241, full(*t.notACounterDir) +
                                                 ": dynamic_cast to Interface::IntfCounterDirDirBase* "
                                                 "failed; typeid is Kel::Dir*"}};
+        }},
+       {"general: a directory over a table that cannot be opened names the object it tried",
+        [](Tree & t) { return statusIn(t.overMissingTable, eth(7)); }, "",
+        [](Tree & t) {
+           std::string dir = full(*t.overMissingTable);
+           return std::vector<Msg>{{2, 214, dir + " has counterDirPath counter/eth/missing"},
+                                   {0, 247, dir + ": cannot open the counter table: " +
+                                                Smash::objectName("lookup/missing", "ctl") + ": No such file or directory"},
+                                   {0, 249, dir + ": ->doGetIntfCounterDir(Ethernet7) returned null"}};
         }},
        {"subintf: no path", [](Tree & t) { return statusIn(t.subintf, eth(7)); }, "",
         [](Tree &) { return std::vector<Msg>{{1, 158, "SubIntf Smash counterDir path not found"}}; }},
@@ -416,9 +414,13 @@ TEST(CounterLookup, AStatusReadsItsCountersThroughTheLookUpAndKeepsWhatItFound) 
    t.intf->counterDirIs(nullptr);
    t.intf->counterDirPathIs("counter/eth/absent");
    EXPECT_EQ(s->counter().ptr(), c.ptr());
-   // In an aggregate directory a status has no counters to find.
+   // In an aggregate directory a status has no counters to find, and says so.
    auto all = Kel::makePtr<AllIntfStatusDir>("all");
    auto s2 = intfStatusFactory(eth(3), nullptr, 0);
    all->intfStatusIs(s2);
+   Capture cap;
    EXPECT_FALSE(s2->counter());
+   EXPECT_EQ(cap.msgs, (std::vector<Msg>{{1, 101,
+                                          "all/Ethernet3: its directory (Interface::AllIntfStatusDir) is not a "
+                                          "status directory (Interface::IntfStatusDirBase): no counters to find"}}));
 }

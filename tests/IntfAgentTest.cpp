@@ -69,12 +69,14 @@ bool hasRow(Kel::Ptr<Kel::Entity> const & root, IntfId id) {
 class IntfAgent : public ::testing::Test {
  protected:
    void SetUp() override {
-      shm.table(IntfApp::agentCounterTablePath);
+      // The agent's prefix is not this reader's: readers find the table by
+      // what the tree tells them.
+      shm.table(agentPrefix + IntfApp::agentCounterTablePath);
       sock = dir.path + "/agent.sock";
    }
    std::vector<std::string> args(std::vector<std::string> more = {}) {
       std::vector<std::string> a{"--socket", sock, "--config-socket", dir.path + "/config.sock",
-                                 "--interval", "0.2", "--shm-prefix", Smash::shmPrefix()};
+                                 "--interval", "0.2", "--shm-prefix", agentPrefix};
       a.insert(a.end(), more.begin(), more.end());
       return a;
    }
@@ -87,6 +89,7 @@ class IntfAgent : public ::testing::Test {
    bool until(std::function<bool()> const & done, int ms = 5000) { return loop.runUntil(done, ms); }
 
    ShmTestPrefix shm;
+   std::string agentPrefix = Smash::shmPrefix() + "agent-";
    TempDir dir;
    std::string sock;
    Kel::ActivityLoop loop;

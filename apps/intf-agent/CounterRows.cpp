@@ -19,7 +19,8 @@ double monotonicNow() {
 
 CounterRows::CounterRows(ConfigMount const * config) : config_(config) {
    table_ = Kel::makePtr<Smash::Interface::AllIntfCounterDir>(Kel::Name("counter"));
-   table_->counterOpen(Smash::Role::writer, agentCounterTablePath);
+   table_->tablePathIs(agentCounterTablePath);  // so that the table's name travels with its prefix
+   table_->counterOpen(Smash::Role::writer);
 }
 
 Interface::LoadInterval CounterRows::loadInterval(Zenet::IntfId id) const {

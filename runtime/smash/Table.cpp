@@ -127,7 +127,10 @@ void shmPrefixIs(std::string prefix) {
 std::string const & shmPrefix() { return prefixRef(); }
 
 std::string objectName(std::string_view path, std::string_view part) {
-   std::string name = shmPrefix();
+   // A path that starts with '/' carries its prefix: a table another
+   // process named is found whatever this process's prefix.
+   std::string name = path.starts_with('/') ? "/" : shmPrefix();
+   if (path.starts_with('/')) path.remove_prefix(1);
    for (char c : path) name += c == '/' ? '.' : c;
    name += '.';
    name += part;

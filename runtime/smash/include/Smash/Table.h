@@ -63,7 +63,9 @@ namespace Smash {
 // ("/intf-" unless set). Tests set a unique prefix and remove what they made.
 void shmPrefixIs(std::string prefix);
 std::string const & shmPrefix();
-// The object name of a table's part ("ctl", "g3") for a mount path.
+// The object name of a table's part ("ctl", "g3") for a mount path. A path
+// that starts with '/' carries its own prefix ("/intf-a-interface/counter"
+// names "/intf-a-interface.counter.ctl" whatever this process's prefix).
 std::string objectName(std::string_view path, std::string_view part);
 // Removes every object of the table at `path` (control and generations).
 void removeTable(std::string_view path);

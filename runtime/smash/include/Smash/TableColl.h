@@ -49,6 +49,9 @@ class TableColl {
    static constexpr uint32_t defaultCapacity = 1024;
 
    bool opened() const { return opened_; }
+   // Why a reader could not open the table (naming the object it tried);
+   // "" once it has, and for the other roles.
+   std::string error() const { return r_ && !r_->valid() ? r_->error() : std::string(); }
    Role role() const { return role_; }
    std::string const & path() const { return path_; }
 
