@@ -27,9 +27,11 @@ cp -r tools/consumer "$stage/src"
 cmake -S "$stage/src" -B "$stage/build" -G Ninja -DCMAKE_PREFIX_PATH="$stage/prefix" >/dev/null
 cmake --build "$stage/build"
 "$stage/build/intf_consumer"
-# shellcheck disable=SC2046
-c++ "$stage/src/consumer.cpp" -o "$stage/consumer-pc" -Wl,-rpath,"$stage/prefix/lib" \
-   $(PKG_CONFIG_PATH="$stage/prefix/lib/pkgconfig" pkg-config --cflags --libs intf)
+for program in consumer intf_watch; do
+   # shellcheck disable=SC2046
+   c++ "$stage/src/$program.cpp" -o "$stage/$program-pc" -Wl,-rpath,"$stage/prefix/lib" \
+      $(PKG_CONFIG_PATH="$stage/prefix/lib/pkgconfig" pkg-config --cflags --libs intf)
+done
 "$stage/consumer-pc"
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"

@@ -1,8 +1,9 @@
 // The three programs together against a throwaway namespace, as an
 // operator meets them: intf-configd serving a file, intf-agent modelling
 // the namespace's loopback device, intf-show --json reading counters and
-// statuses; traffic, an MTU change, the device going down, and the agent
-// killed and started again. Needs root (namespaces, MTUs).
+// statuses, and intf-watch (the reader built from the docs alone) following
+// oper changes and rates; traffic, an MTU change, the device going down,
+// and the agent killed and started again. Needs root (namespaces, MTUs).
 #include "ChildProcess.h"
 #include "NetNs.h"
 
@@ -98,6 +99,7 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
                                    "--interval", "0.2", "--shm-prefix", prefix});
    };
    auto agent = startAgent();
+   Child watch(loop, INTF_WATCH, {"--socket", agentSock, "--interval", "0.2"});
    std::string showArgs = "--socket " + agentSock + " --config-socket " + configSock + " --shm-prefix " + prefix;
    auto until = [&](auto done) { return loop.runUntil(done, 10000); };
 
@@ -134,6 +136,13 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
    EXPECT_LE(sentBytes, 3100 * (1028 + 576)) << "only our datagrams and their errors cross this loopback";
    s = show(showArgs + " --json rates");
    EXPECT_GT(field(s.out, "Loopback7", "inBitsRate"), 0) << s.out;
+   // The watcher reads the same rates, with no prefix or type of its own.
+   auto watched = [&](std::string const & head) {
+      size_t at = watch.stdout_.text.rfind(head);
+      return at == std::string::npos ? -1 : std::strtod(watch.stdout_.text.c_str() + at + head.size(), nullptr);
+   };
+   EXPECT_TRUE(until([&] { return watched("rates Loopback7 in=") > 0; }))
+         << watch.stdout_.text << watch.stderr_.text;
 
    // A new MTU in the file reaches the kernel and the status.
    writeConfig(9000);
@@ -150,6 +159,10 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
    })) << s.out;
    EXPECT_GE(field(s.out, "Loopback7", "operChanges"), 1) << s.out;
    EXPECT_GT(field(s.out, "Loopback7", "lastChange"), 0) << s.out;
+   // Told of the change, the watcher reads its record: the count is this change's.
+   EXPECT_TRUE(until([&] {
+      return watched("oper Loopback7 intfOperDown changes=") == field(s.out, "Loopback7", "operChanges");
+   })) << watch.stdout_.text;
 
    // Killed and started again, the agent answers the show command again.
    agent->kill9();
@@ -159,6 +172,12 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
       s = show(showArgs + " --json counters");
       return s.status == 0 && field(s.out, "Loopback7", "inOctets") >= before + sentBytes;
    })) << s.out << agent->stderr_.text;
+   // The watcher lost the agent and mounts the new one's tree by itself.
+   EXPECT_TRUE(until([&] {
+      auto const & out = watch.stdout_.text;
+      size_t lost = out.find("\nlost: ");
+      return lost != std::string::npos && out.find("\nmounted " + agentSock, lost) != std::string::npos;
+   })) << watch.stdout_.text;
 }
 
 TEST(EndToEnd, TheShowCommandSaysWhenNoAgentRuns) {

@@ -33,7 +33,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -194,6 +196,66 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_TRUE(agent->says("INTF_AGENT_STOPPING"));
    struct stat st;
    EXPECT_NE(::stat(sock.c_str(), &st), 0);
+}
+
+// The rows of docs/AGENTS.md's table of each program's tree: program, path
+// ("" for the root), type and what the row says.
+struct DocRow {
+   std::string program, path, type, text;
+};
+std::vector<DocRow> documentedTrees() {
+   std::ifstream doc(AGENTS_DOC);
+   std::regex heading("^### (\\S+)$"), row("^\\| (?:`([^`]*)`|\\(the root\\)) \\| `([^`]+)` \\| (.*) \\|$");
+   std::vector<DocRow> rows;
+   std::string line, program;
+   std::smatch m;
+   while (std::getline(doc, line)) {
+      if (std::regex_match(line, m, heading)) program = m[1];
+      else if (std::regex_match(line, m, row) && !program.empty()) rows.push_back({program, m[1], m[2], m[3]});
+   }
+   return rows;
+}
+
+TEST_F(IntfAgent, EveryDocumentedPathMountsAsDocumentedAndReadmesAgentServesWhatIntfConfigdServes) {
+   std::string cfg = dir.path + "/intf.conf", configdSock = dir.path + "/configd.sock";
+   std::ofstream(cfg) << "Ethernet1 description=\"uplink to spine 1\"\n";  // no device: nothing in the kernel
+   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configdSock});
+   ASSERT_TRUE(configd.waitFor("serving on")) << configd.stderr_.text;
+   // README's agent where the host agent looks for its configuration.
+   Child readmeAgent(loop, README_CONFIG_AGENT, {dir.path + "/config.sock"});
+   auto agent = startAgent();
+   EXPECT_TRUE(agent->waitFor("1 interfaces configured")) << agent->stderr_.text;
+
+   // What was mounted at `path`: its type, or why it was refused.
+   auto mounted = [&](std::string const & socket, std::string const & path, std::string const & below = "") {
+      Kel::NboAttrLog::Client c(loop, socket, Kel::String8(path));
+      std::string why;
+      c.onClosed = [&](Kel::String8 const & r) { why = r.str(); };
+      if (!until([&] { return c.synced() || !why.empty(); })) return std::string("no answer");
+      if (!c.synced()) return "refused: " + why;
+      auto e = below.empty() ? c.root() : c.root()->entity(below);
+      return e ? e->fwkType()->name().str() : "nothing at " + below;
+   };
+   std::map<std::string, std::vector<std::string>> sockets{{"intf-configd", {configdSock, dir.path + "/config.sock"}},
+                                                          {"intf-agent", {sock}}};
+   auto rows = documentedTrees();
+   ASSERT_GE(rows.size(), 10u);
+   for (auto const & r : rows) {
+      SCOPED_TRACE(r.program + " " + r.path);
+      ASSERT_TRUE(sockets.count(r.program));
+      std::smatch parent;
+      bool withParent = std::regex_search(r.text, parent, std::regex("mount `([^`]+)` or above"));
+      for (auto const & socket : sockets[r.program]) {
+         if (!withParent) {
+            EXPECT_EQ(mounted(socket, r.path), r.type) << socket;
+            continue;
+         }
+         // Documented as refused alone, and read with the parent it names.
+         EXPECT_NE(mounted(socket, r.path).find("outside the mounted path; mount an entity that holds both"),
+                   std::string::npos);
+         EXPECT_EQ(mounted(socket, parent[1], r.path.substr(parent[1].length() + 1)), r.type);
+      }
+   }
 }
 
 TEST_F(IntfAgent, BadArgumentsAreRefusedBeforeAnythingStarts) {

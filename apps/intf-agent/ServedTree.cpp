@@ -88,11 +88,13 @@ void ServedTree::kernelState(HostNamespace const & n, HostDevice & d, bool first
       return;
    }
    if (oper == st.operStatus()) return;
-   st.operStatusIs(oper);
+   // The change record first: a reactor on operStatus reads the record of
+   // the change it is told of.
    auto change = st.operStatusChange();
    change.timeIs(wallNow());
    change.countIs(change.count() + 1);
    st.operStatusChangeIs(change);
+   st.operStatusIs(oper);
    if (linkStatusLogging(d.intf)) {
       Kel::logEvent(linkStatusMessage(), d.intf.stringValue(), d.info.name, n.name,
                     oper == IntfOperStatus::intfOperUp ? "up" : "down");

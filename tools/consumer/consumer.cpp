@@ -2,7 +2,7 @@
 // it creates an interface configuration, publishes it to a second process
 // over the attribute log and reads it back there. Exits 0 only when the
 // value read back is the one written.
-#include <Intf/IntfStatusDir.h>
+#include <Intf/IntfConfigDir.h>
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
 
