@@ -428,30 +428,27 @@ TEST(Replication, AnEntityOfATypeTheReaderLacksIsReadAsTheNearestBaseItKnowsOrRe
    });
    int devnull = ::open("/dev/null", O_RDWR);
    auto dir = Kel::makePtr<PrivateStatusDir>(Kel::Name("intf"));
-   dir->extraIs(7);
    dir->counterDirPathIs("counters");
    std::string bytes = captureStream(dir, [&] {
       dir->extraIs(8);
       dir->counterDirPathIs("elsewhere");
    });
-   Reader r(devnull, "");
-   r.receive(bytes.data(), bytes.size());
-   EXPECT_FALSE(r.closed()) << r.closeReason();
-   auto base = Kel::dynamicCast<Interface::IntfStatusDirBase>(r.root());
-   ASSERT_TRUE(base);
-   EXPECT_EQ(base->fwkType()->name(), "Interface::IntfStatusDirBase");
-   EXPECT_EQ(base->name(), "intf");
-   EXPECT_EQ(base->counterDirPath(), "elsewhere");  // the base's rows go on; the type's own are skipped
-   Reader again(devnull, "");
-   again.receive(bytes.data(), bytes.size());
+   for (int reader = 0; reader < 2; ++reader) {
+      Reader r(devnull, "");
+      r.receive(bytes.data(), bytes.size());
+      EXPECT_FALSE(r.closed()) << r.closeReason();
+      auto base = Kel::dynamicCast<Interface::IntfStatusDirBase>(r.root());
+      ASSERT_TRUE(base);
+      EXPECT_EQ(base->fwkType()->name(), "Interface::IntfStatusDirBase");
+      EXPECT_EQ(base->name(), "intf");
+      EXPECT_EQ(base->counterDirPath(), "elsewhere");  // the base's rows go on; the type's own are skipped
+   }
    EXPECT_EQ(traced, std::vector<std::string>{"KelTest::PrivateStatusDir is not registered here: read as its "
                                               "base Interface::IntfStatusDirBase, without the rows of its own"});
 
-   auto thing = Kel::makePtr<PrivateThing>(3);
-   bytes = captureStream(thing);
+   bytes = captureStream(Kel::makePtr<PrivateThing>(3));  // its one base has constructor rows
    Reader refused(devnull, "");
    refused.receive(bytes.data(), bytes.size());
-   EXPECT_TRUE(refused.closed());
    EXPECT_EQ(refused.closeReason(), "unknown type KelTest::PrivateThing: register it in this process "
                                     "(Kel::registerTypes) with the declaration its server publishes");
    Kel::traceSinkIs(nullptr);

@@ -15,7 +15,10 @@ namespace Interface {
 using Seconds = double;
 
 // ---- enumerations ------------------------------------------------------------------
-// Numbers are what the attribute log carries; keep them.
+// Numbers are what the attribute log carries; keep them. Each enumeration E
+// comes with stringValue(E), its value's name ("intfOperUp"),
+// EInstance(name) and EInstance(number), which refuse anything that is not
+// one of its values with Kel::RangeException, and operator<<.
 
 #define KEL_VALUES_IntfOperStatus(V)                                                  \
    V(intfOperUp, 1)                                                                   \
