@@ -260,10 +260,9 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
        {"general: a directory over a table that cannot be opened names the object it tried",
         [](Tree & t) { return statusIn(t.overMissingTable, eth(7)); }, "",
         [](Tree & t) {
-           std::string dir = full(*t.overMissingTable);
+           std::string dir = full(*t.overMissingTable), object = Smash::objectName("lookup/missing", "ctl");
            return std::vector<Msg>{{2, 214, dir + " has counterDirPath counter/eth/missing"},
-                                   {0, 247, dir + ": cannot open the counter table: " +
-                                                Smash::objectName("lookup/missing", "ctl") + ": No such file or directory"},
+                                   {0, 247, dir + ": cannot open the counter table: " + object + ": No such file or directory"},
                                    {0, 249, dir + ": ->doGetIntfCounterDir(Ethernet7) returned null"}};
         }},
        {"subintf: no path", [](Tree & t) { return statusIn(t.subintf, eth(7)); }, "",
@@ -291,7 +290,8 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
            // A second directory over the same table, at a path without "Smash".
            auto d = Kel::makePtr<Smash::Interface::AllIntfCounterDir>("vlans");
            t.root->mkdir("tables")->entryIs(d);
-           d->counterOpen(Smash::Role::reader, t.tableDir->counterTable().path());
+           // Named in the form that carries its prefix: the same table.
+           d->counterOpen(Smash::Role::reader, Smash::shmPrefix() + t.tableDir->counterTable().path());
            t.vlan->counterDirPathIs("/" + t.rootName + "/tables/vlans");
            return statusIn(t.vlan, eth(7));
         },

@@ -175,24 +175,6 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_NE(::stat(sock.c_str(), &st), 0);
 }
 
-// The rows of docs/AGENTS.md's table of each program's tree: program, path
-// ("" for the root), type and what the row says.
-struct DocRow {
-   std::string program, path, type, text;
-};
-std::vector<DocRow> documentedTrees() {
-   std::ifstream doc(AGENTS_DOC);
-   std::regex heading("^### (\\S+)$"), row("^\\| (?:`([^`]*)`|\\(the root\\)) \\| `([^`]+)` \\| (.*) \\|$");
-   std::vector<DocRow> rows;
-   std::string line, program;
-   std::smatch m;
-   while (std::getline(doc, line)) {
-      if (std::regex_match(line, m, heading)) program = m[1];
-      else if (std::regex_match(line, m, row) && !program.empty()) rows.push_back({program, m[1], m[2], m[3]});
-   }
-   return rows;
-}
-
 TEST_F(IntfAgent, EveryDocumentedPathMountsAsDocumentedAndReadmesAgentServesWhatIntfConfigdServes) {
    std::string cfg = dir.path + "/intf.conf", configdSock = dir.path + "/configd.sock";
    std::ofstream(cfg) << "Ethernet1 description=\"uplink to spine 1\"\n";  // no device: nothing in the kernel
@@ -212,22 +194,35 @@ TEST_F(IntfAgent, EveryDocumentedPathMountsAsDocumentedAndReadmesAgentServesWhat
    };
    std::map<std::string, std::vector<std::string>> sockets{{"intf-configd", {configdSock, dir.path + "/config.sock"}},
                                                           {"intf-agent", {sock}}};
-   auto rows = documentedTrees();
-   ASSERT_GE(rows.size(), 10u);
-   for (auto const & r : rows) {
-      std::smatch parent;  // a path documented as read with its parent, and refused alone
-      bool withParent = std::regex_search(r.text, parent, std::regex("mount `([^`]+)` or above"));
-      for (auto const & socket : sockets.at(r.program)) {
-         SCOPED_TRACE(socket + " " + r.path);
+   // Each row of the table under each program's heading: path ("" for the root), type, what it holds.
+   std::ifstream doc(AGENTS_DOC);
+   std::regex heading("^### (\\S+)$"), row("^\\| (?:`([^`]*)`|\\(the root\\)) \\| `([^`]+)` \\| (.*) \\|$");
+   std::string line, program;
+   std::smatch m, parent;
+   int rows = 0;
+   while (std::getline(doc, line)) {
+      if (std::regex_match(line, m, heading)) program = m[1];
+      if (program.empty() || !std::regex_match(line, m, row)) continue;
+      std::string path = m[1], type = m[2], text = m[3];
+      ++rows;
+      // A path documented as read with its parent is refused alone.
+      bool withParent = std::regex_search(text, parent, std::regex("mount `([^`]+)` or above"));
+      for (auto const & socket : sockets.at(program)) {
+         SCOPED_TRACE(socket + " " + path);
          if (!withParent) {
-            EXPECT_EQ(mounted(socket, r.path), r.type);
+            EXPECT_EQ(mounted(socket, path), type);
             continue;
          }
-         EXPECT_NE(mounted(socket, r.path).find("outside the mounted path; mount an entity that holds both"),
+         EXPECT_NE(mounted(socket, path).find("outside the mounted path; mount an entity that holds both"),
                    std::string::npos);
-         EXPECT_EQ(mounted(socket, parent[1], r.path.substr(parent[1].length() + 1)), r.type);
+         EXPECT_EQ(mounted(socket, parent[1], path.substr(parent[1].length() + 1)), type);
       }
    }
+   EXPECT_GE(rows, 10);
+   // The watcher of the docs, pointed at a server that is not intf-agent.
+   Child watch(loop, INTF_WATCH, {"--socket", configdSock});
+   EXPECT_EQ(watch.exitStatus(), 1);
+   EXPECT_TRUE(watch.says("serves no interface/status/eth/intf: is it intf-agent's?")) << watch.stderr_.text;
 }
 
 TEST_F(IntfAgent, BadArgumentsAreRefusedBeforeAnythingStarts) {

@@ -8,8 +8,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <mutex>
-#include <unordered_set>
 
 namespace Kel::NboAttrLog {
 
@@ -140,13 +138,7 @@ Ptr<Entity> Reader::standIn(String8 const & typeName, std::vector<String8> const
       In in(args.data(), args.size());
       Ptr<Entity> e = t->logNewEntity(in, this);
       ctorArgs.skipRest();
-      static std::mutex tracedMutex;
-      // Once per type and process; a bounded number of types, whatever
-      // writers send.
-      static std::unordered_set<std::string> traced;
-      std::unique_lock<std::mutex> lock(tracedMutex);
-      if (traced.size() < 64 && traced.insert(typeName.str()).second) {
-         lock.unlock();
+      if (standInTypes_.insert(typeName.str()).second) {
          KEL_TRACE(trace, 0, cut(typeName.view()) + " is not registered here: read as its base " + t->name() +
                                  ", without the rows of its own");
       }

@@ -31,7 +31,6 @@ namespace Smash::Interface {
 inline std::string kelTablePathOf(Kel::Entity const & e, Kel::String8 const & p, Kel::String8 const & prefix) {
    if (p.view().starts_with('/')) return p.str();  // carries its prefix already
    std::string path = p.view().empty() ? e.fullName().str() : p.str();
-   if (path.starts_with('/')) path.erase(0, 1);
    return (prefix.view().empty() ? ::Smash::shmPrefix() : prefix.str()) + path;
 }
 

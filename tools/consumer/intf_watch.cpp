@@ -11,12 +11,13 @@
 //
 // It keeps watching across restarts of the agent (mounting its tree again).
 //
-//   intf-watch [--socket PATH] [--interval SECONDS] [--rounds N]
+//   intf-watch [--socket PATH] [--interval SECONDS]
 //     --socket PATH       intf-agent's socket (default: agent.sock in the
 //                         runtime directory, see docs/AGENTS.md)
 //     --interval SECONDS  between rate rounds (default 1)
-//     --rounds N          stop after N rate rounds while mounted (default:
-//                         never)
+//
+// It runs until it is stopped (SIGTERM, SIGINT), or exits with status 1
+// when the server at the socket is not intf-agent.
 #include <Intf/IntfStatusDir.h>
 #include <Kel/Agent.h>
 #include <Kel/CollectionWatcher.h>
@@ -58,7 +59,7 @@ struct OperWatch : Interface::IntfStatus::NotifieeConst {
 };
 
 int usage() {
-   std::fprintf(stderr, "usage: intf-watch [--socket PATH] [--interval SECONDS] [--rounds N]\n");
+   std::fprintf(stderr, "usage: intf-watch [--socket PATH] [--interval SECONDS]\n");
    return 2;
 }
 
@@ -68,7 +69,6 @@ int main(int argc, char ** argv) {
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
    std::string socket = defaultSocket();
    double interval = 1;
-   long rounds = 0;
    for (int i = 1; i < argc; i += 2) {
       std::string option = argv[i];
       if (i + 1 >= argc) return usage();
@@ -79,9 +79,6 @@ int main(int argc, char ** argv) {
       } else if (option == "--interval") {
          interval = std::strtod(value, &end);
          if (*end || !std::isfinite(interval) || interval < 0.01) return usage();
-      } else if (option == "--rounds") {
-         rounds = std::strtol(value, &end, 10);
-         if (*end || rounds < 0) return usage();
       } else {
          return usage();
       }
@@ -94,11 +91,14 @@ int main(int argc, char ** argv) {
    // interface/counter (the counter look-up needs both).
    Kel::NboAttrLog::Client agent(loop, socket, "", reconnecting);
    Kel::Ptr<Statuses> statuses;
+   bool notTheAgent = false;
    Kel::Ptr<Kel::CollectionWatcher<Statuses, Zenet::IntfId, Interface::IntfStatus, OperWatch>> opers;
    agent.onSynced = [&](Kel::Ptr<Kel::Entity> root) {
       statuses = Kel::dynamicCast<Statuses>(root->entity("interface/status/eth/intf"));
       if (!statuses) {
-         std::printf("lost: %s serves no interface/status/eth/intf\n", socket.c_str());
+         std::fprintf(stderr, "intf-watch: %s serves no interface/status/eth/intf: is it intf-agent's?\n",
+                      socket.c_str());
+         notTheAgent = true;
          return;
       }
       opers = Kel::watchCollection(Statuses::PtrConst(statuses), &Statuses::intfStatus, Statuses::kelId_intfStatus,
@@ -114,7 +114,6 @@ int main(int argc, char ** argv) {
       statuses = nullptr;
    };
 
-   long done = 0;
    auto period = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(interval));
    loop.timerIs(
        period,
@@ -128,9 +127,8 @@ int main(int argc, char ** argv) {
              std::printf("rates %s in=%.1fbps %.1fpps out=%.1fbps %.1fpps\n", s->intfId().stringValue().charPtr(),
                          r.inBitsRate(), r.inPktsRate(), r.outBitsRate(), r.outPktsRate());
           }
-          ++done;
        },
        period);
-   while (rounds == 0 || done < rounds) loop.runOnce(-1);
-   return 0;
+   while (!notTheAgent) loop.runOnce(-1);
+   return 1;
 }

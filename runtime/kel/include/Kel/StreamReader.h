@@ -94,8 +94,9 @@ class Reader : public ActivityLoop::Source, private RefCodec {
    uint64_t applied_ = 0;
    std::unordered_map<uint32_t, Ptr<Entity>> byId_;
    // Entities made as a base of their type: updates of the type's own
-   // attributes are skipped.
+   // attributes are skipped. Each such type is traced once per connection.
    std::unordered_set<uint32_t> standIns_;
+   std::unordered_set<std::string> standInTypes_;
    // Replicas the writer forgot while something here still holds them (a
    // replica's collection, say): they count against limits.entities until
    // they go, so that forgetting what it created lets no writer past it.
