@@ -13,7 +13,6 @@
 namespace {
 
 using namespace Interface;
-using LookupStatusDir = AgentIntfStatusDir;
 
 struct Msg {
    int level;
@@ -58,7 +57,7 @@ size_t countEntities(Kel::Entity const * e) {
 
 Zenet::IntfId eth(int n) { return Zenet::IntfId(std::string_view("Ethernet" + std::to_string(n))); }
 
-IntfStatus::Ptr statusIn(Kel::Ptr<LookupStatusDir> const & d, Zenet::IntfId id) {
+IntfStatus::Ptr statusIn(Kel::Ptr<AgentIntfStatusDir> const & d, Zenet::IntfId id) {
    auto s = intfStatusFactory(id, nullptr, 0);
    d->intfStatusIs(s);
    return s;
@@ -149,8 +148,8 @@ struct Tree : ShmTestPrefix {
    }
    ~Tree() { Kel::globalDir()->entryDel(Kel::Name(rootName)); }
 
-   Kel::Ptr<LookupStatusDir> dir(Kel::Dir::Ptr const & parent, const char * name) {
-      auto d = Kel::makePtr<LookupStatusDir>(name);
+   Kel::Ptr<AgentIntfStatusDir> dir(Kel::Dir::Ptr const & parent, const char * name) {
+      auto d = Kel::makePtr<AgentIntfStatusDir>(name);
       parent->entryIs(d);
       return d;
    }
@@ -161,7 +160,7 @@ struct Tree : ShmTestPrefix {
    std::map<std::string, Kel::Ptr<AllIntfCounterDir>> sliceDirs;
    std::map<std::string, Kel::Ptr<Smash::Interface::AllDropCounterDir>> dropDirs;
    std::map<std::string, IntfCounter::Ptr> current;
-   Kel::Ptr<LookupStatusDir> phy, intf, configured, notACounterDir, namesNothing, overMissingTable, subintf, vlan;
+   Kel::Ptr<AgentIntfStatusDir> phy, intf, configured, notACounterDir, namesNothing, overMissingTable, subintf, vlan;
    Kel::Ptr<Smash::Interface::AllIntfCounterDir> tableDir;
 };
 
@@ -310,7 +309,7 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
    // The three-level walks, on trees too shallow for them.
    for (int depth = 0; depth < 3; ++depth) {
       for (std::string name : {"phy", "intf"}) {
-         auto made = std::make_shared<std::pair<Kel::Ptr<Kel::Entity>, Kel::Ptr<LookupStatusDir>>>();
+         auto made = std::make_shared<std::pair<Kel::Ptr<Kel::Entity>, Kel::Ptr<AgentIntfStatusDir>>>();
          cases.push_back(
              {"a shallow tree",
               [depth, name, made](Tree &) {
@@ -321,7 +320,7 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
                     else made->first = d;
                     parent = d;
                  }
-                 made->second = Kel::makePtr<LookupStatusDir>(Kel::Name(name));
+                 made->second = Kel::makePtr<AgentIntfStatusDir>(Kel::Name(name));
                  if (parent) parent->entryIs(made->second);
                  return statusIn(made->second, eth(1));
               },

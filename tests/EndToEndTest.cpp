@@ -135,15 +135,12 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
    // Nothing listens on the port, so the kernel answers datagrams with port
    // unreachable errors (at most 576 bytes each) over the same loopback.
    EXPECT_LE(sentBytes, 3100 * (1028 + 576)) << "only our datagrams and their errors cross this loopback";
-   s = show(showArgs + " --json rates");
-   EXPECT_GT(field(s.out, "Loopback7", "inBitsRate"), 0) << s.out;
-   // The watcher reads the same rates, with no prefix or type of its own.
+   // The watcher reads the rates with no prefix or type of its own.
    auto watched = [&](std::string const & head) {
       size_t at = watch.stdout_.text.rfind(head);
       return at == std::string::npos ? -1 : std::strtod(watch.stdout_.text.c_str() + at + head.size(), nullptr);
    };
-   EXPECT_TRUE(until([&] { return watched("rates Loopback7 in=") > 0; }))
-         << watch.stdout_.text << watch.stderr_.text;
+   EXPECT_TRUE(until([&] { return watched("rates Loopback7 in=") > 0; })) << watch.stdout_.text;
 
    // A new MTU in the file reaches the kernel and the status.
    writeConfig(9000);
@@ -167,6 +164,7 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
 
    // Killed and started again, the agent answers the show command again.
    agent->kill9();
+   ASSERT_TRUE(watch.waitFor("cannot connect to " + agentSock)) << watch.stderr_.text;  // an attempt failed
    agent = startAgent();
    EXPECT_TRUE(until([&] {
       s = show(showArgs + " --json counters");
@@ -184,7 +182,7 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
 
 TEST(EndToEnd, TheShowCommandAndTheWatcherSayWhatIsWrong) {
    TempDir dir;
-   for (char const * bad : {"--interval soon", "--bogus x"}) {
+   for (char const * bad : {"--interval soon", "--bogus x", "--socket"}) {
       Shown w = run(INTF_WATCH, bad);
       EXPECT_EQ(w.status, 2);
       EXPECT_NE(w.out.find("usage: intf-watch"), std::string::npos) << w.out;

@@ -95,15 +95,6 @@ TEST(IntfStatusDir, KernelDirectoryReferencesStatusesByDeviceName) {
    EXPECT_EQ(status->parent(), owner);  // referenced, never reparented
 }
 
-TEST(IntfStatusDir, NamespaceConfigsAreMadeOnceFromTheKey) {
-   auto dir = Kel::makePtr<AllIntfNamespaceConfigDir>("ns");
-   auto made = dir->intfNamespaceConfigIs(IntfId("Ethernet1"));
-   EXPECT_EQ(dir->intfNamespaceConfigIs(IntfId("Ethernet1")), made);
-   EXPECT_EQ(made->intfId(), IntfId("Ethernet1"));
-   EXPECT_EQ(made->parent(), dir);
-   EXPECT_EQ(dir->intfNamespaceConfigSize(), 1u);
-}
-
 TEST(IntfStatusDir, ConfigRequestFlagsAreAnnouncedOnlyWhenTheyChange) {
    struct RequestHeard : IntfConfigDirBase::NotifieeConst {
       void onIntfConfigRequest(IntfConfigRequest r) override { keys.push_back(r.requestor().str()); }

@@ -5,6 +5,7 @@
 // silent, too many of them or when descriptors run out; servers that
 // accept nobody; trees deeper than any stack. Each costs the misbehaving
 // connection and nothing else.
+#include <Intf/IntfStatusDir.h>
 #include <Kel/Agent.h>
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
@@ -371,6 +372,23 @@ TEST(ReplicationPeers, AReferenceByNameNeverMovesAnEntityOfTheReader) {
    EXPECT_EQ(mine->parentRaw(), Kel::globalDir()->entity("replicationPeersTest").ptr());
    EXPECT_EQ(mine->fullName(), "/replicationPeersTest/mine");
    Kel::globalDir()->entryDel(Name("replicationPeersTest"));
+}
+
+TEST(ReplicationPeers, AReferenceOutsideTheMountIsFoundByItsFullNameOrRefusedSayingWhereItLeads) {
+   for (bool inThisProcess : {true, false}) {  // a tree under the root directory has names the reader finds
+      auto top = inThisProcess ? Kel::globalDir()->mkdir("refTest") : Kel::makePtr<Dir>(Name("refTest"));
+      auto kernel = Kel::makePtr<Interface::KernelIntfStatusDir>(Name("kernel"));
+      top->entryIs(kernel);
+      kernel->intfStatusIs("et1", Interface::intfStatusFactory(Zenet::IntfId("Ethernet1"), nullptr, 0));
+      top->mkdir("status")->entryIs(kernel->intfStatus("et1"));
+      Link l(top, "kernel");
+      l.run();
+      auto replica = Kel::dynamicCast<Interface::KernelIntfStatusDir>(l.reader.root());
+      EXPECT_EQ(replica ? replica->intfStatus("et1") : nullptr, inThisProcess ? kernel->intfStatus("et1") : nullptr);
+      EXPECT_EQ(l.reader.closeReason(), inThisProcess ? "" : "kernel: intfStatus refers to refTest/status/Ethernet1, "
+                                                             "outside the mounted path; mount an entity that holds both");
+      if (inThisProcess) Kel::globalDir()->entryDel(Name("refTest"));
+   }
 }
 
 namespace {

@@ -380,7 +380,7 @@ void Writer::createAll(std::vector<Entity *> const & fresh) {
          // Its base types, nearest first, and its name: a reader that does
          // not know the type makes a base it knows in its place.
          std::vector<KelType const *> bases;
-         for (KelType const * b = t->base(); b && b->base() && bases.size() < 255; b = b->base()) bases.push_back(b);
+         for (KelType const * b = t->base(); b && b->base(); b = b->base()) bases.push_back(b);  // depth < 256
          o.putU8(uint8_t(bases.size()));
          for (KelType const * b : bases) o.putString(b->name().view());
          if (!bases.empty()) o.putString(e->name().view());

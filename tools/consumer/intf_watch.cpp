@@ -12,8 +12,8 @@
 // It keeps watching across restarts of the agent (mounting its tree again).
 //
 //   intf-watch [--socket PATH] [--interval SECONDS]
-//     --socket PATH       intf-agent's socket (default: agent.sock in the
-//                         runtime directory, see docs/AGENTS.md)
+//     --socket PATH       intf-agent's socket (default /run/intf/agent.sock,
+//                         its place when run as root; docs/AGENTS.md)
 //     --interval SECONDS  between rate rounds (default 1)
 //
 // It runs until it is stopped (SIGTERM, SIGINT), or exits with status 1
@@ -22,7 +22,6 @@
 #include <Kel/Agent.h>
 #include <Kel/CollectionWatcher.h>
 
-#include <unistd.h>
 
 #include <chrono>
 #include <cmath>
@@ -33,19 +32,6 @@
 namespace {
 
 using Statuses = Interface::AgentIntfStatusDir;
-
-// docs/AGENTS.md: /run/intf for root, else $XDG_RUNTIME_DIR/intf, else
-// /tmp/intf-<uid>.
-std::string defaultSocket() {
-   std::string dir = "/tmp/intf-" + std::to_string(::geteuid());
-   char const * xdg = std::getenv("XDG_RUNTIME_DIR");
-   if (::geteuid() == 0) {
-      dir = "/run/intf";
-   } else if (xdg && xdg[0] == '/') {
-      dir = std::string(xdg) + "/intf";
-   }
-   return dir + "/agent.sock";
-}
 
 // The row docs/AGENTS.md says to follow: inside onOperStatus() the change
 // record is that of the change being told.
@@ -67,7 +53,7 @@ int usage() {
 
 int main(int argc, char ** argv) {
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
-   std::string socket = defaultSocket();
+   std::string socket = "/run/intf/agent.sock";  // where intf-agent serves as root
    double interval = 1;
    for (int i = 1; i < argc; i += 2) {
       std::string option = argv[i];
