@@ -173,10 +173,7 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
    // The watcher lost the agent once (not once per attempt) and mounts the
    // new one's tree by itself.
    auto const & out = watch.stdout_.text;
-   EXPECT_TRUE(until([&] {
-      size_t lost = out.find("\nlost: ");
-      return lost != std::string::npos && out.find("\nmounted " + agentSock, lost) != std::string::npos;
-   })) << out;
+   EXPECT_TRUE(until([&] { return out.find("\nmounted " + agentSock, out.find("\nlost: ")) != out.npos; })) << out;
    EXPECT_EQ(out.find("\nlost: "), out.rfind("\nlost: ")) << out;
 }
 
