@@ -115,16 +115,10 @@ std::string rootPrefix(std::string const & target) {
 }
 
 void leafUpdate(std::string & updates, std::string_view intf, Leaf l, Value const & v, Enc enc) {
-   if (enc != Enc::proto) {
-      std::string json = jsonScalar(l, v);
-      std::string u;
-      pathOf(u, intf, l);
-      bytes(u, enc == Enc::json ? valJson : valJsonIetf, json);
-      bytes(updates, notifUpdate, u);
-      return;
-   }
    std::string val;
-   switch (leafInfo(l).type) {
+   if (enc != Enc::proto) {
+      bytes(val, enc == Enc::json ? valJson : valJsonIetf, jsonScalar(l, v));
+   } else switch (leafInfo(l).type) {
    case LeafType::uint16:
    case LeafType::uint64: number(val, valUint, v.number); break;
    case LeafType::boolean: number(val, valBool, v.number ? 1 : 0); break;

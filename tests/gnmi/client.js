@@ -160,7 +160,9 @@ async function world(procs, extraGnmidArgs = []) {
   });
   execFileSync('ip', ['-n', ns, 'link', 'set', 'lo', 'up']);
   const conf = path.join(dir, 'intf.conf');
-  fs.writeFileSync(conf, `Loopback7 device=lo netns=${ns} mtu=16000 description="gnmi test"\n`);
+  // Ethernet9 is for a device a test makes and removes.
+  fs.writeFileSync(conf, `Loopback7 device=lo netns=${ns} mtu=16000 description="gnmi test"\n` +
+    `Ethernet9 device=gn0 netns=${ns}\n`);
   const w = { ns, dir, prefix, conf, configSock: path.join(dir, 'config.sock'), agentSock: path.join(dir, 'agent.sock') };
   w.configd = procs.start(bin('intf-configd'), ['--config', conf, '--socket', w.configSock]);
   w.agentArgs = ['--socket', w.agentSock, '--config-socket', w.configSock, '--config', conf,
