@@ -248,18 +248,23 @@ std::vector<Frame> Engine::frames(Pass const & p, Sampler * suppressing) {
    int64_t now = wallNowNs();
    int64_t offset = AgentTree::monotonicToWallNs();
    std::vector<std::pair<int64_t, std::string>> open;
-   auto bucket = [&](int64_t ts) -> std::string & {
-      for (auto & [t, u] : open) {
-         if (t == ts) return u;
-      }
-      open.emplace_back(ts, std::string());
-      open.back().second.reserve(options_.chunkBytes + 4096);
-      return open.back().second;
-   };
    auto flush = [&](std::string & u, int64_t ts) {
       if (u.empty()) return;
       out.push_back(frame(Wire::subscribeUpdate(Wire::notification(ts, prefix, u))));
       u.clear();
+   };
+   // Rows sampled together share a moment; a few moments are open at once.
+   auto bucket = [&](int64_t ts) -> std::string & {
+      for (auto it = open.rbegin(); it != open.rend(); ++it) {
+         if (it->first == ts) return it->second;
+      }
+      if (open.size() >= 8) {
+         flush(open.front().second, open.front().first);
+         open.erase(open.begin());
+      }
+      open.emplace_back(ts, std::string());
+      open.back().second.reserve(options_.chunkBytes + 4096);
+      return open.back().second;
    };
    LeafSet stateWanted = p.leaves & stateLeaves, countersWanted = p.leaves & counterLeaves;
    auto const intfs = selected(p.intf);
