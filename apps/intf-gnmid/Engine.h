@@ -77,10 +77,6 @@ class Engine {
    Engine(Engine const &) = delete;
    Engine & operator=(Engine const &) = delete;
 
-   bool agentSynced() const { return agent_.synced(); }
-   size_t interfaces() const { return intfs_.size(); }
-   size_t clients() const { return clients_.size(); }
-
    // A Get: the GetResponse's bytes, or why not.
    Status get(gnmi::GetRequest const & request, std::string * response);
    // The first request of Subscribe stream `id`. On failure nothing is kept

@@ -276,9 +276,4 @@ void Service::reap() {
    for (auto const & o : live) o->cancelIfOverdue(options_.grace);
 }
 
-size_t Service::streams() const {
-   std::lock_guard<std::mutex> lock(mu_);
-   return outboxes_.size();
-}
-
 } // namespace Gnmi

@@ -51,7 +51,6 @@ class Service final : public ServiceBase {
    // Cancels the calls of clients that were ended for not reading and have
    // not taken the ending within the grace period. From any thread.
    void reap();
-   size_t streams() const;
 
    class Stream;
    class Outbox;
