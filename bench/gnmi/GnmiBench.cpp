@@ -278,7 +278,7 @@ double median(std::vector<double> v) {
 
 int main(int argc, char ** argv) {
    if (argc < 2) {
-      std::fprintf(stderr, "usage: gnmi_bench PATH-OF-intf-gnmid\n");
+      std::fprintf(stderr, "usage: gnmi_bench PATH-OF-intf-gnmid [on_change]\n");
       return 2;
    }
    std::string gnmid = argv[1];

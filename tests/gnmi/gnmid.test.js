@@ -117,6 +117,44 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
     assert.strictEqual(c.leaves(mtu.notification[0])[0].value, 16000n);
   });
 
+  it('filters a Get by data type and answers in plain JSON too', async () => {
+    const get = async (type, encoding = 'PROTO') => (await c.call(cl, 'Get', { path: [c.p(lo)], type, encoding }))
+      .notification.flatMap(c.leaves).map((l) => l.path.slice(lo.length + 1));
+    const state = await get('STATE');
+    assert.ok(state.includes('state/mtu') && state.includes('state/counters/in-octets'), state.join());
+    assert.ok(!state.some((p) => p.startsWith('config/')), state.join());
+    const oper = await get('OPERATIONAL');
+    assert.ok(oper.includes('state/oper-status') && !oper.includes('state/mtu'), oper.join());
+    const config = await get('CONFIG');
+    assert.deepStrictEqual(config.sort(), ['config/description', 'config/mtu', 'config/name', 'name']);
+    const json = await c.call(cl, 'Get', { path: [c.p(`${lo}/config/mtu`)], encoding: 'JSON' });
+    assert.strictEqual(Buffer.from(json.notification[0].update[0].val.json_val).toString(), '16000');
+  });
+
+  it('keeps the subscription options: TARGET_DEFINED, suppress_redundant with heartbeat, updates_only', async () => {
+    const td = new c.Stream(cl, { encoding: 'PROTO', subscription: [{ path: c.p(`${lo}/state`),
+      mode: 'TARGET_DEFINED', sample_interval: String(NS / 5n) }] });
+    await td.until(() => td.syncs() === 1, 5000, 'sync');
+    const afterSync = td.responses.length;
+    await td.until(() => td.responses.slice(afterSync).filter((r) => r.update).length >= 3, 5000, 'samples');
+    const later = td.responses.slice(afterSync).flatMap((r) => (r.update ? c.leaves(r.update) : []));
+    assert.ok(later.every((u) => u.path.includes('/counters/')), 'state goes on change, counters are sampled');
+    td.close();
+
+    const quiet = new c.Stream(cl, { encoding: 'PROTO', subscription: [{ path: c.p(`${lo}/state/oper-status`),
+      mode: 'SAMPLE', sample_interval: String(NS / 5n), suppress_redundant: true }] });
+    const beat = new c.Stream(cl, { encoding: 'PROTO', subscription: [{ path: c.p(`${lo}/state/oper-status`),
+      mode: 'SAMPLE', sample_interval: String(NS / 5n), suppress_redundant: true, heartbeat_interval: String(NS / 2n) }] });
+    await beat.until(() => beat.updates().length >= 3, 5000, 'heartbeats');
+    assert.strictEqual(quiet.updates().length, 1, 'an unchanged leaf is sent once');
+
+    const only = new c.Stream(cl, { encoding: 'PROTO', updates_only: true, subscription: [{
+      path: c.p(`${lo}/state/counters/in-octets`), mode: 'SAMPLE', sample_interval: String(NS / 5n) }] });
+    await only.until(() => only.updates().length >= 1, 5000, 'a sample');
+    assert.ok(only.responses[0].sync_response, 'sync_response comes first, before any value');
+    for (const x of [quiet, beat, only]) x.close();
+  });
+
   it('ends a ONCE subscription after one pass, and answers each Poll with a pass', async () => {
     const once = new c.Stream(cl, { mode: 'ONCE', encoding: 'PROTO',
       subscription: [{ path: c.p(`${lo}/state/counters/in-octets`) }, { path: c.p(`${lo}/state/oper-status`) }] });
@@ -156,7 +194,8 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
       const got = s.responses.slice(before).flatMap((r) => (r.update ? c.leaves(r.update) : []));
       assert.deepStrictEqual(got.map((u) => u.path).sort(), [`${lo}/state/last-change`, `${lo}/state/oper-status`]);
       const change = got.find((u) => u.path.endsWith('last-change')).value;
-      assert.ok(change >= t0 - NS && change <= BigInt(Date.now()) * 1000000n, `last-change ${change} after ${t0}`);
+      const t1 = (BigInt(Date.now()) + 1n) * 1000000n;  // Date.now() is in whole milliseconds
+      assert.ok(change >= t0 - NS && change <= t1, `last-change ${change} between ${t0} and ${t1}`);
     }
     assert.ok(s.responses.length > atSync);
     s.close();
@@ -296,10 +335,11 @@ describe('intf-gnmid over TLS', { skip }, () => {
     const w = await c.world(procs, ['--tls-cert', path.join(dir, 'server.pem'), '--tls-key', path.join(dir, 'server.key'),
       '--tls-client-ca', path.join(dir, 'ca.pem')]);
     assert.match(w.gnmid.err, /TLS, client certificates required/);
-    const tls = c.client(w.address, c.lib.grpc.credentials.createSsl(file('ca.pem'), file('client.key'), file('client.pem')));
+    const name = w.address.replace('127.0.0.1', 'localhost');  // the name the certificate carries
+    const tls = c.client(name, c.lib.grpc.credentials.createSsl(file('ca.pem'), file('client.key'), file('client.pem')));
     const cap = await c.call(tls, 'Capabilities', {});
     assert.strictEqual(cap.gNMI_version, '0.10.0');
-    const anonymous = c.client(w.address, c.lib.grpc.credentials.createSsl(file('ca.pem')));
+    const anonymous = c.client(name, c.lib.grpc.credentials.createSsl(file('ca.pem')));
     await assert.rejects(c.call(anonymous, 'Capabilities', {}), (e) => e.code === 14);
     await assert.rejects(c.call(c.client(w.address), 'Capabilities', {}), (e) => e.code === 14);
   });
