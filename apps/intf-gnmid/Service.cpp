@@ -3,9 +3,7 @@
 
 #include "GnmidLog.h"
 
-#include <condition_variable>
 #include <deque>
-#include <thread>
 
 namespace Gnmi {
 
@@ -23,7 +21,6 @@ class Service::Outbox : public Sink {
          size_t held = bytes_;
          q_.clear();
          bytes_ = 0;
-         overflowAt_ = std::chrono::steady_clock::now();
          Kel::logEvent(clientTooSlowMessage(), peer_, std::to_string(held));
          finishLocked(lock, {Code::resourceExhausted, "the client did not read: " + std::to_string(held) +
                                                           " bytes waited for it, the most one client may hold"},
@@ -51,15 +48,10 @@ class Service::Outbox : public Sink {
       stream_ = s;
    }
    void detach() {
-      std::unique_lock<std::mutex> lock(mu_);
-      // A reaper on another thread may be cancelling through our context.
-      if (!(pins_ && pinner_ == std::this_thread::get_id())) cv_.wait(lock, [this] { return pins_ == 0; });
+      std::lock_guard<std::mutex> lock(mu_);
       stream_ = nullptr;
       q_.clear();
    }
-   // Cancels the call of a client that was ended for not reading longer
-   // ago than `grace` and has not taken the ending.
-   void cancelIfOverdue(std::chrono::seconds grace);
    void writeDone(bool ok);
 
  private:
@@ -79,11 +71,6 @@ class Service::Outbox : public Sink {
    bool finished_ = false;   // Finish called
    grpc::Status status_;
    grpc::ByteBuffer current_;
-   std::optional<std::chrono::steady_clock::time_point> overflowAt_;
-   bool cancelled_ = false;
-   std::condition_variable cv_;
-   int pins_ = 0;
-   std::thread::id pinner_;
 };
 
 class Service::Stream : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer> {
@@ -92,10 +79,6 @@ class Service::Stream : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::B
          : service_(service), ctx_(ctx), id_(service.nextId_++),
            outbox_(std::make_shared<Outbox>(service.options_.queueBytes, ctx->peer())) {
       outbox_->attach(this);
-      {
-         std::lock_guard<std::mutex> lock(service_.mu_);
-         service_.outboxes_[id_] = outbox_;
-      }
       StartRead(&in_);
    }
    void OnReadDone(bool ok) override {
@@ -133,10 +116,6 @@ class Service::Stream : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::B
    void OnCancel() override { outbox_->cancel(); }
    void OnDone() override {
       outbox_->detach();
-      {
-         std::lock_guard<std::mutex> lock(service_.mu_);
-         service_.outboxes_.erase(id_);
-      }
       service_.inbox_.post([id = id_, &engine = service_.engine_] { engine.unsubscribe(id); });
       delete this;
    }
@@ -171,20 +150,6 @@ void Service::Outbox::next(std::unique_lock<std::mutex> & lock) {
    Stream * s = stream_;
    lock.unlock();
    s->StartWrite(&current_);
-}
-
-void Service::Outbox::cancelIfOverdue(std::chrono::seconds grace) {
-   std::unique_lock<std::mutex> lock(mu_);
-   if (!stream_ || !overflowAt_ || cancelled_ || std::chrono::steady_clock::now() - *overflowAt_ <= grace) return;
-   cancelled_ = true;
-   grpc::CallbackServerContext * ctx = stream_->context();
-   ++pins_;
-   pinner_ = std::this_thread::get_id();
-   lock.unlock();
-   ctx->TryCancel();
-   lock.lock();
-   --pins_;
-   cv_.notify_all();
 }
 
 void Service::Outbox::writeDone(bool ok) {
@@ -263,17 +228,6 @@ grpc::ServerUnaryReactor * Service::Set(grpc::CallbackServerContext * ctx, gnmi:
 
 grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer> * Service::Subscribe(grpc::CallbackServerContext * ctx) {
    return new Stream(*this, ctx);
-}
-
-void Service::reap() {
-   std::vector<std::shared_ptr<Outbox>> live;
-   {
-      std::lock_guard<std::mutex> lock(mu_);
-      for (auto const & [id, w] : outboxes_) {
-         if (auto o = w.lock()) live.push_back(o);
-      }
-   }
-   for (auto const & o : live) o->cancelIfOverdue(options_.grace);
 }
 
 } // namespace Gnmi

@@ -7,9 +7,9 @@
 // Each Subscribe stream has a bounded outbox: frames wait there, shared
 // with other clients, until gRPC has sent the one before. A client that
 // stops reading lets its outbox fill; past `queueBytes` the outbox is
-// emptied and the stream ended with RESOURCE_EXHAUSTED, and if the client
-// still does not take that ending within a grace period the call is
-// cancelled (reap()), so a stalled collector costs at most its bound.
+// emptied and the stream ended with RESOURCE_EXHAUSTED, which the client
+// reads when it reads again. A stalled collector thus costs at most its
+// bound, and then only the one response gRPC was sending.
 #pragma once
 
 #include "Engine.h"
@@ -20,10 +20,7 @@
 #include <grpcpp/grpcpp.h>
 
 #include <atomic>
-#include <chrono>
-#include <map>
 #include <memory>
-#include <mutex>
 
 namespace Gnmi {
 
@@ -35,7 +32,6 @@ class Service final : public ServiceBase {
  public:
    struct Options {
       size_t queueBytes = 16u << 20;
-      std::chrono::seconds grace{10};
    };
    Service(Inbox & inbox, Engine & engine, Options options);
    ~Service() override;
@@ -48,9 +44,6 @@ class Service final : public ServiceBase {
                                   gnmi::SetResponse * resp) override;
    grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer> * Subscribe(grpc::CallbackServerContext * ctx) override;
 
-   // Cancels the calls of clients that were ended for not reading and have
-   // not taken the ending within the grace period. From any thread.
-   void reap();
 
    class Stream;
    class Outbox;
@@ -61,8 +54,6 @@ class Service final : public ServiceBase {
    Engine & engine_;
    Options options_;
    std::atomic<uint64_t> nextId_{1};
-   mutable std::mutex mu_;
-   std::map<uint64_t, std::weak_ptr<Outbox>> outboxes_;
 };
 
 grpc::Status toGrpc(Status const & s);

@@ -178,7 +178,7 @@ int run(Options const & o) {
    Gnmi::Inbox inbox;
    if (!inbox.valid()) return fatal(std::string("eventfd: ") + std::strerror(errno));
    Gnmi::Engine engine(loop, {o.socket, o.configSocket});
-   Gnmi::Service service(inbox, engine, {o.queueBytes, std::chrono::seconds(10)});
+   Gnmi::Service service(inbox, engine, {o.queueBytes});
 
    grpc::ServerBuilder builder;
    int port = 0;
@@ -191,7 +191,6 @@ int run(Options const & o) {
 
    loop.add(&signals);
    loop.add(&inbox);
-   auto reaper = loop.timerIs(std::chrono::seconds(1), [&] { service.reap(); }, std::chrono::seconds(1));
    Kel::logEvent(Gnmi::gnmidStartedMessage(), at, security, o.socket);
    while (!signals.stop()) {
       loop.runOnce(-1);
@@ -213,7 +212,6 @@ int run(Options const & o) {
    stopper.join();
    loop.runOnce(0);
    engine.settle();
-   loop.timerDel(reaper);
    loop.remove(&inbox);
    loop.remove(&signals);
    return 0;

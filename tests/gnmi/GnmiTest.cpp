@@ -8,7 +8,11 @@
 
 #include "gnmi.pb.h"
 
+#include <Smash/Table.h>
+
 #include <gtest/gtest.h>
+
+#include <unistd.h>
 
 using namespace Gnmi;
 
@@ -52,6 +56,8 @@ TEST(GnmiSchema, PathsResolveToInterfacesAndLeavesOrNameTheOffendingElement) {
       {"/interfaces/*/*/mtu", bit(Leaf::configMtu) | bit(Leaf::stateMtu), ""},
       {"/interfaces/.../in-octets", bit(Leaf::inOctets), ""},
       {"/interfaces/interface[name=Loopback0]/...", allLeaves, "Loopback0"},
+      {"/interfaces/interface[name=Vlan5]/name", bit(Leaf::name), "Vlan5", Node::leaf},
+      {"/interfaces//interface", 0, "empty element name after /interfaces"},
       {"/interfaces/interface/state/bogus", 0, "unknown element \"bogus\" under /interfaces/interface/state"},
       {"/interfaces/interface[ifindex=3]", 0, "no key \"ifindex\""},
       {"/interfaces/interface[name=eth0]", 0, "interface[name=eth0]: not an interface name"},
@@ -155,4 +161,45 @@ TEST(GnmiValues, TypesAndJsonFollowTheModel) {
    EXPECT_EQ(jsonOfInterface(Node::counters, v, bit(Leaf::outOctets)), "") << "absent leaves are left out";
    EXPECT_EQ(jsonOfList(Node::interfaces, {&v}, bit(Leaf::configMtu)),
              "{\"openconfig-interfaces:interface\":[{\"name\":\"Ethernet2\",\"config\":{\"mtu\":1500}}]}");
+}
+
+TEST(GnmiCounters, ACounterNotReadIsAbsentNeverZero) {
+   AgentTree::Counters c;
+   // No row at all: a status outside any tree has no counters.
+   Interface::IntfStatus loose(Zenet::IntfId("Ethernet1"), nullptr, 1);
+   EXPECT_FALSE(AgentTree::readCounters(AgentTree::counterRow(loose), 0, &c));
+   auto noTable = Interface::SmashIntfCounter::SmashIntfCounterIs("current", Zenet::IntfId("Ethernet1"), {});
+   EXPECT_FALSE(AgentTree::readCounters(noTable, 0, &c));
+
+   Smash::shmPrefixIs("/intf-gnmitest-" + std::to_string(::getpid()) + "-");
+   struct Remove {
+      ~Remove() { Smash::removeTable("counters"); }
+   } remove;
+   auto table = Kel::makePtr<Smash::Interface::AllIntfCounterDir>(Kel::Name("counter"));
+   table->counterOpen(Smash::Role::writer, "counters");
+   Smash::Interface::IntfCounter row;
+   row.keyIs(Zenet::IntfId("Ethernet1"));
+   Interface::IntfStatistics st;
+   st.inOctetsIs(5000);
+   st.inUcastPktsIs(3);
+   st.inMulticastPktsIs(2);
+   st.outOctetsIs(Brik::MaybeU63::absent());
+   st.lastUpdateIs(10.5);
+   row.statisticsIs(st);
+   table->counterIs(row);
+   table->counterCommit();
+   AgentTree::CounterRow one = Interface::SmashIntfCounter::SmashIntfCounterIs("current", Zenet::IntfId("Ethernet1"), table);
+   AgentTree::CounterRow other = Interface::SmashIntfCounter::SmashIntfCounterIs("current", Zenet::IntfId("Ethernet2"), table);
+   EXPECT_FALSE(AgentTree::readCounters(other, 0, &c)) << "no row";
+   ASSERT_TRUE(AgentTree::readCounters(one, 1000, &c));
+   auto at = [&](Leaf l) { return c.value[unsigned(l) - firstCounter]; };
+   EXPECT_EQ(at(Leaf::inOctets), 5000u);
+   EXPECT_EQ(at(Leaf::inPkts), 5u);
+   EXPECT_EQ(c.sampledNs, 10500001000);
+   EXPECT_TRUE(c.present & bit(Leaf::outDiscards));
+   // Absent in the row, or not counted by the kernel: absent here.
+   for (Leaf l : {Leaf::outOctets, Leaf::inBroadcastPkts, Leaf::outUnicastPkts, Leaf::carrierTransitions,
+                  Leaf::lastClear}) {
+      EXPECT_FALSE(c.present & bit(l)) << leafInfo(l).name;
+   }
 }

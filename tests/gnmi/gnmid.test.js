@@ -82,6 +82,13 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
     const now = BigInt(Date.now()) * 1000000n;
     assert.ok(got[0].ts > now - 5n * NS && got[0].ts <= now + NS, `timestamp ${got[0].ts} is nanoseconds of now`);
 
+    const list = await c.call(cl, 'Get', { path: [c.p('/interfaces')], encoding: 'JSON_IETF' });
+    assert.strictEqual(list.notification.length, 1, 'the list is one value');
+    const entries = c.value(list.notification[0].update[0].val)['openconfig-interfaces:interface'];
+    const mine = entries.find((e) => e.name === 'Loopback7');
+    assert.strictEqual(mine.state['oper-status'], 'UP');
+    assert.strictEqual(mine.config.mtu, 16000);
+
     const all = await c.call(cl, 'Get', { path: [c.p('/interfaces/interface[name=*]/config/name')],
       type: 'CONFIG', encoding: 'PROTO' });
     assert.ok(all.notification.flatMap(c.leaves).some((l) => l.value === 'Loopback7'));
@@ -99,6 +106,8 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
       codes.NOT_FOUND, /in-broadcast-pkts/);
     await rejects(c.call(cl, 'Get', { path: [{ ...c.p(lo), origin: 'vendor' }] }), codes.INVALID_ARGUMENT, /vendor/);
     await rejects(c.call(cl, 'Get', { path: [c.p(lo)], encoding: 'ASCII' }), codes.UNIMPLEMENTED, /ASCII/);
+    // A request larger than the 1 MiB served is refused before it is read.
+    await rejects(c.call(cl, 'Get', { path: [{ elem: [{ name: 'x'.repeat(2 << 20) }] }] }), codes.RESOURCE_EXHAUSTED);
     await rejects(c.call(cl, 'Set', { update: [{ path: c.p(`${lo}/config/mtu`), val: { uint_val: 9000 } }] }),
       codes.UNIMPLEMENTED, /configuration agent/);
 
@@ -179,7 +188,9 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
   });
 
   it('sends oper-status and last-change on change, and nothing for unchanged leaves', async () => {
-    const s = new c.Stream(cl, { encoding: 'PROTO', subscription: [{ path: c.p(`${lo}/state`), mode: 'ON_CHANGE' }] });
+    // An interval given with ON_CHANGE changes nothing: no samples.
+    const s = new c.Stream(cl, { encoding: 'PROTO', subscription: [{ path: c.p(`${lo}/state`), mode: 'ON_CHANGE',
+      sample_interval: String(NS / 10n) }] });
     await s.until(() => s.syncs() === 1, 5000, 'sync');
     const initial = s.updates();
     assert.ok(initial.some((u) => u.path.endsWith('/oper-status') && u.value === 'UP'));
@@ -197,7 +208,10 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
       const t1 = (BigInt(Date.now()) + 1n) * 1000000n;  // Date.now() is in whole milliseconds
       assert.ok(change >= t0 - NS && change <= t1, `last-change ${change} between ${t0} and ${t1}`);
     }
-    assert.ok(s.responses.length > atSync);
+    await new Promise((r) => setTimeout(r, 500));
+    const since = s.responses.slice(atSync).flatMap((r) => (r.update ? c.leaves(r.update) : []));
+    assert.deepStrictEqual([...new Set(since.map((u) => u.path))].sort(),
+      [`${lo}/state/last-change`, `${lo}/state/oper-status`], 'only what changed, in half a second after');
     s.close();
   });
 
@@ -344,9 +358,24 @@ describe('intf-gnmid over TLS', { skip }, () => {
     await assert.rejects(c.call(c.client(w.address), 'Capabilities', {}), (e) => e.code === 14);
   });
 
-  it('refuses plain text away from loopback unless told --insecure', async () => {
-    const g = procs.start(c.bin('intf-gnmid'), ['--listen', '0.0.0.0:0', '--socket', path.join(dir, 'none.sock')]);
-    assert.deepStrictEqual(await g.exited, { code: 2, sig: null });
-    assert.match(g.err, /refusing plain text on 0.0.0.0:0/);
+  it('refuses plain text away from loopback, and other unusable arguments, before serving', async () => {
+    const cases = [
+      [['--listen', '0.0.0.0:0'], /refusing plain text on 0.0.0.0:0/],
+      [['--tls-cert', path.join(dir, 'server.pem')], /--tls-cert and --tls-key go together/],
+      [['--tls-client-ca', path.join(dir, 'ca.pem')], /--tls-client-ca needs --tls-cert and --tls-key/],
+      [['--client-queue-bytes', '100'], /--client-queue-bytes takes 4096/],
+      [['--listen', 'nowhere'], /ADDRESS:PORT/],
+      [['--shm-prefix', 'no-slash'], /--shm-prefix must start with/],
+      [['--bogus'], /unknown argument --bogus/],
+    ];
+    for (const [args, message] of cases) {
+      const g = procs.start(c.bin('intf-gnmid'), ['--socket', path.join(dir, 'none.sock'), ...args]);
+      assert.deepStrictEqual(await g.exited, { code: 2, sig: null }, args.join(' '));
+      assert.match(g.err, message);
+    }
+    const bad = procs.start(c.bin('intf-gnmid'), ['--listen', '127.0.0.1:0', '--tls-cert', path.join(dir, 'missing.pem'),
+      '--tls-key', path.join(dir, 'server.key'), '--socket', path.join(dir, 'none.sock')]);
+    assert.deepStrictEqual(await bad.exited, { code: 1, sig: null });
+    assert.match(bad.err, /cannot read .*missing.pem/);
   });
 });
