@@ -166,8 +166,8 @@ TEST(GnmiValues, TypesAndJsonFollowTheModel) {
 TEST(GnmiCounters, ACounterNotReadIsAbsentNeverZero) {
    AgentTree::Counters c;
    // No row at all: a status outside any tree has no counters.
-   Interface::IntfStatus loose(Zenet::IntfId("Ethernet1"), nullptr, 1);
-   EXPECT_FALSE(AgentTree::readCounters(AgentTree::counterRow(loose), 0, &c));
+   auto loose = Interface::intfStatusFactory(Zenet::IntfId("Ethernet1"), nullptr, 1);
+   EXPECT_FALSE(AgentTree::readCounters(AgentTree::counterRow(*loose), 0, &c));
    auto noTable = Interface::SmashIntfCounter::SmashIntfCounterIs("current", Zenet::IntfId("Ethernet1"), {});
    EXPECT_FALSE(AgentTree::readCounters(noTable, 0, &c));
 
