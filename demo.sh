@@ -2,16 +2,24 @@
 # The interface agents at work on this host: builds, then starts the
 # configuration agent and the host agent, drives traffic through a
 # namespace's loopback device, shows rates and statuses moving, changes the
-# configured MTU and reads it back from the kernel, and cleans up.
+# configured MTU and reads it back from the kernel, serves the model to a gNMI
+# collector (intf-gnmid, with Node's gRPC client as the collector), and
+# cleans up.
 # As root it works in a throwaway network namespace; otherwise on the
 # default namespace, without changing the kernel.
 set -euo pipefail
 cd "$(dirname "$0")"
 source tools/deps.sh
 intf_need_packages "${INTF_BASE_PACKAGES[@]}" iproute2
+intf_want_packages "${INTF_GNMI_PACKAGES[@]}"
 
 cmake -S . -B build/plain -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build/plain -j "$(nproc)" --target intf-configd intf-agent intf-show intf-traffic
+gnmi=false
+if cmake --build build/plain -j "$(nproc)" --target intf-gnmid >/dev/null 2>&1 && command -v node >/dev/null; then
+   tests/gnmi/install-client.sh build/plain/node-gnmi
+   [ -d build/plain/node-gnmi/node_modules/@grpc/grpc-js ] && gnmi=true
+fi
 bin=build/plain/apps
 
 work=$(mktemp -d)
@@ -86,5 +94,30 @@ if $root; then
    done
    echo "the kernel now says: $(ip -n "$ns" link show lo | head -1)"
    "${show[@]}" interface "$intf"
+fi
+if $gnmi; then
+   step "intf-gnmid serves the model to gNMI collectors (OpenConfig paths)"
+   "$bin/intf-gnmid" --listen 127.0.0.1:0 --socket "$work/agent.sock" --config-socket "$work/config.sock" \
+      --shm-prefix "$prefix" 2>"$work/gnmid.log" &
+   pids+=($!)
+   address=""
+   for _ in $(seq 50); do
+      address=$(sed -n 's/.*serving gNMI on \([^ ]*\).*/\1/p' "$work/gnmid.log")
+      [ -n "$address" ] && break
+      sleep 0.1
+   done
+   cat "$work/gnmid.log"
+   # A second of traffic, so that the sample shows counters moving.
+   "$bin/intf-traffic" "${traffic[@]}" --seconds 2 --rate 2000 --size 500 &
+   pids+=($!)
+   if $root; then
+      INTF_NODE_MODULES=build/plain/node-gnmi/node_modules INTF_GNMI_PROTO=apps/intf-gnmid/gnmi.proto \
+         node tools/gnmi_demo.js "$address" "$intf" "$ns"
+   else
+      INTF_NODE_MODULES=build/plain/node-gnmi/node_modules INTF_GNMI_PROTO=apps/intf-gnmid/gnmi.proto \
+         node tools/gnmi_demo.js "$address" "$intf"
+   fi
+else
+   step "intf-gnmid is left out: it needs gRPC and protobuf (Debian) and node with npm for the collector"
 fi
 step "done: stopping the agents and removing what the demonstration made"

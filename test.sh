@@ -7,6 +7,8 @@ source tools/deps.sh
 intf_need_packages "${INTF_BASE_PACKAGES[@]}" iproute2
 # A real monitoring server for the scrape test.
 intf_want_packages prometheus
+# intf-gnmid, and openssl for its TLS test (its client comes from npm, into build/).
+intf_want_packages "${INTF_GNMI_PACKAGES[@]}" openssl
 
 jobs=$(nproc)
 run() {

@@ -14,6 +14,8 @@ intf_need_packages() {
    fi
 }
 INTF_BASE_PACKAGES=(cmake ninja-build g++ libgtest-dev libgmock-dev libbenchmark-dev pkg-config)
+# gRPC and protobuf, for intf-gnmid alone (the build skips it without them).
+INTF_GNMI_PACKAGES=(libgrpc++-dev libprotobuf-dev protobuf-compiler protobuf-compiler-grpc)
 # Packages a test can do without (it is skipped, saying why): a failed
 # installation of these does not stop the run.
 intf_want_packages() {

@@ -1,0 +1,74 @@
+// Everything intf-gnmid knows about the trees it mounts, in one place: the
+// host agent's status directory and counter look-up, the configuration
+// agent's directories, and which counters the agent's source (the kernel)
+// gives. When the agents serve other types or paths, or counters gain a
+// "cleared" baseline, this file is what changes.
+#pragma once
+
+#include "Schema.h"
+
+#include <Intf/IntfConfig.h>
+#include <Intf/IntfStatus.h>
+#include <Intf/SmashIntfCounter.h>
+#include <Kel/Entity.h>
+
+#include <cstdint>
+#include <vector>
+
+namespace Gnmi::AgentTree {
+
+// Mount paths: the host agent's socket serves its whole tree; the status
+// collection is below it. The configuration agent's tree likewise.
+constexpr char statusDirPath[] = "interface/status/eth/intf";
+constexpr char configDirPath[] = "intf";
+
+// Types every mounting process registers before it mounts.
+void registerTypes();
+
+// The status directory in a mounted agent tree, or null.
+Kel::Ptr<Kel::Entity> statusDir(Kel::Ptr<Kel::Entity> const & agentRoot);
+// Every interface status in the directory.
+std::vector<Kel::Ptr<Interface::IntfStatus>> statuses(Kel::Ptr<Kel::Entity> const & dir);
+// The collection's attribute and look-up, for a watcher on it.
+Kel::AttributeId statusCollectionId();
+Kel::Ptr<Interface::IntfStatus> statusOf(Kel::Ptr<Kel::Entity> const & dir, Zenet::IntfId id);
+
+// The configuration of one interface in a mounted configuration tree, or null.
+Kel::Ptr<Interface::IntfConfig> configOf(Kel::Ptr<Kel::Entity> const & configRoot, Zenet::IntfId id);
+Kel::Ptr<Kel::Entity> configDir(Kel::Ptr<Kel::Entity> const & configRoot);
+Kel::AttributeId configCollectionId();
+
+// A status's live counter row, found once through the model's look-up
+// (status->counter()) and kept: null when the status has no counters.
+using CounterRow = Kel::Ptr<Interface::SmashIntfCounter const>;
+CounterRow counterRow(Interface::IntfStatus & status);
+
+// One read of an interface's counters: the leaves present (a counter the
+// source does not give, or a row that cannot be read now, is absent, never
+// 0), their values indexed by leaf - firstCounter, and the moment the
+// agent sampled them (nanoseconds since the epoch).
+struct Counters {
+   LeafSet present = 0;
+   uint64_t value[counterCount] = {};
+   int64_t sampledNs = 0;
+};
+// False when the row cannot be read (no row, or unavailable for now).
+// `clockOffsetNs` is monotonicToWallNs() of the pass.
+bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out);
+
+// The counter leaves the host agent's source gives: the kernel counts no
+// broadcasts and does not tell outgoing unicast from multicast; the model
+// holds no carrier transition count (its count of oper changes starts
+// again with the agent, which a counter must not); counters are never
+// cleared, so no last-clear until a cleared baseline exists.
+constexpr LeafSet givenCounters = counterLeaves & ~(bit(Leaf::inBroadcastPkts) | bit(Leaf::outUnicastPkts) |
+                                                   bit(Leaf::outBroadcastPkts) | bit(Leaf::outMulticastPkts) |
+                                                   bit(Leaf::carrierTransitions) | bit(Leaf::lastClear));
+
+// What to add to a time on the agents' monotonic clock (the counter rows'
+// lastUpdate, in nanoseconds) to have nanoseconds since the epoch, for
+// this machine's clocks now.
+int64_t monotonicToWallNs();
+
+} // namespace Gnmi::AgentTree
+
