@@ -1,8 +1,6 @@
 // What intf-gnmid knows of the agents' trees; see AgentTree.h.
 #include "AgentTree.h"
 
-#include "HostIntfStatusDir.h"
-
 #include <Intf/IntfStatusDir.h>
 
 #include <chrono>
@@ -12,8 +10,8 @@ namespace Gnmi::AgentTree {
 
 namespace {
 
-Kel::Ptr<IntfApp::HostIntfStatusDir> hostDir(Kel::Ptr<Kel::Entity> const & dir) {
-   return Kel::Ptr<IntfApp::HostIntfStatusDir>(dynamic_cast<IntfApp::HostIntfStatusDir *>(dir.ptr()));
+Kel::Ptr<Interface::AgentIntfStatusDir> hostDir(Kel::Ptr<Kel::Entity> const & dir) {
+   return Kel::Ptr<Interface::AgentIntfStatusDir>(dynamic_cast<Interface::AgentIntfStatusDir *>(dir.ptr()));
 }
 
 Kel::Ptr<Interface::AllIntfConfigDir> configs(Kel::Ptr<Kel::Entity> const & dir) {
@@ -21,8 +19,6 @@ Kel::Ptr<Interface::AllIntfConfigDir> configs(Kel::Ptr<Kel::Entity> const & dir)
 }
 
 } // namespace
-
-void registerTypes() { IntfApp::registerAppTypes(); }
 
 Kel::Ptr<Kel::Entity> statusDir(Kel::Ptr<Kel::Entity> const & agentRoot) {
    if (!agentRoot) return nullptr;
@@ -38,7 +34,7 @@ std::vector<Kel::Ptr<Interface::IntfStatus>> statuses(Kel::Ptr<Kel::Entity> cons
    return out;
 }
 
-Kel::AttributeId statusCollectionId() { return IntfApp::HostIntfStatusDir::kelId_intfStatus; }
+Kel::AttributeId statusCollectionId() { return Interface::AgentIntfStatusDir::kelId_intfStatus; }
 
 Kel::Ptr<Interface::IntfStatus> statusOf(Kel::Ptr<Kel::Entity> const & dir, Zenet::IntfId id) {
    auto d = hostDir(dir);

@@ -22,9 +22,6 @@ namespace Gnmi::AgentTree {
 constexpr char statusDirPath[] = "interface/status/eth/intf";
 constexpr char configDirPath[] = "intf";
 
-// Types every mounting process registers before it mounts.
-void registerTypes();
-
 // The status directory in a mounted agent tree, or null.
 Kel::Ptr<Kel::Entity> statusDir(Kel::Ptr<Kel::Entity> const & agentRoot);
 // Every interface status in the directory.

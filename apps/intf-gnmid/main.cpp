@@ -146,7 +146,6 @@ int fatal(std::string const & why) {
 int run(Options const & o) {
    ::signal(SIGPIPE, SIG_IGN);
    if (!o.shmPrefix.empty()) Smash::shmPrefixIs(o.shmPrefix);
-   Gnmi::AgentTree::registerTypes();
    // A missing agent is retried quietly; the collectors see no interfaces meanwhile.
    Kel::traceLevelIs("Kel::NboAttrLog", -1);
    Kel::traceLevelIs("Kel::Agent", -1);
