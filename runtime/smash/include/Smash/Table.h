@@ -1,57 +1,45 @@
 // Smash: hash tables of fixed-size rows in POSIX shared memory, written by
-// one process and read by any number of others without locks.
+// one process and read by any number of others without locks. The design
+// note, with the argument for what readers are promised, is DESIGN.md in
+// runtime/smash.
 //
 // Roles
 //   Writer  the one process that creates and changes a table (an exclusive
 //           lock on the table's control object keeps a second one out); it
 //           never waits for readers.
-//   Reader  maps the table read-only and finds rows; a row is copied out
-//           under its sequence word and the copy is checked afterwards, so
-//           a reader never sees a torn row.
-//   Shadow  a reader that is also told which keys changed, through a ring of
-//           changed keys in the table; a shadow that fell behind the ring
-//           resynchronises from the whole table and says so.
+//   Reader  maps the table read-only and finds rows; it never sees a torn
+//           row, never waits on a writer that stopped, and never reports a
+//           row that exists throughout its look-up as absent.
+//   Shadow  a reader that is also told which keys changed.
 //
-// Objects (names from the table's mount path under the agent's prefix, see
-// shmPrefixIs):
-//   <prefix><path>.ctl     control: magic, version, current generation
+// What a reader is told
+//   find     row: a whole row as it was at one moment of the call;
+//            none: no row of that key at one moment of the call;
+//            unavailable: the row's value changed twice during each of
+//            many copies (a writer rewriting that one row faster than a
+//            reader copies it); nothing is made up in its place.
+//   forEach  visits every row present throughout the scan (each whole, as
+//            it was at one moment of the scan) and returns the keys of rows
+//            it could not copy; rows added or removed meanwhile may or may
+//            not be visited.
+//   poll     a shadow's consumer that looks every reported key up (through
+//            the shadow) and keeps what it finds holds exactly the table's
+//            rows once the writer's announced changes are polled, whatever
+//            the ring's size, the interleaving, or a writer's crash.
+//
+// Objects (Smash/ShmObject.h for names and the trust checks):
+//   <prefix><path>.ctl     control: magic, version, shape, current generation
 //   <prefix><path>.g<N>    generation N: header, slots, change ring
-// A table grows (or sheds its tombstones) by writing a new generation and
-// publishing its number in the control object; readers remap when they see
-// it, and a look-up that raced the switch is retried on the new generation.
-//
-// Generation layout (all offsets computed by every reader from the header's
-// sizes and checked against the object's size; nothing read from shared
-// memory is used as an offset unchecked):
-//   Header     (fixed size, see GenHeader in Table.cpp)
-//   Slot[capacity]      { u32 seq; u32 state; key[keyBytes]; value[valueBytes] },
-//                       key and value each padded to 8 (a reader copies a
-//                       value out of its slot word by word)
-//   RingEntry[ringCapacity] { u64 seq; key[keyBytes] } padded to 8
-// Slots are open addressing with linear probing from the key's hash; a
-// deleted row leaves a tombstone until the next generation.
-//
-// Memory ordering: a writer makes a slot's sequence word odd, issues a
-// release fence, writes the row, and stores the next even value with
-// release; a reader loads the word with acquire, reads the state and key
-// and, on its key, copies the value, issues an acquire fence and loads the
-// word again: equal and even means what it read is whole.
-// Ring entries are published the same way, then the ring head with release.
-//
-// Crash safety: a writer killed mid-row leaves that slot's word odd; readers
-// give up on it after a bounded number of tries ("row unavailable") and
-// every other row stays readable. A writer that attaches again turns such a
-// slot into a tombstone and reports its key through the ring.
 #pragma once
 
-#include <atomic>
+#include <Smash/ShmObject.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <new>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -59,19 +47,9 @@
 
 namespace Smash {
 
-// Where this process's tables live: every object name starts with it
-// ("/intf-" unless set). Tests set a unique prefix and remove what they made.
-void shmPrefixIs(std::string prefix);
-std::string const & shmPrefix();
-// The object name of a table's part ("ctl", "g3") for a mount path.
-std::string objectName(std::string_view path, std::string_view part);
-// Removes every object of the table at `path` (control and generations).
+// Removes every object of the table at `path`; readers attached to it
+// notice and follow a table made again at the same path.
 void removeTable(std::string_view path);
-
-class Error : public std::runtime_error {
- public:
-   using std::runtime_error::runtime_error;
-};
 
 enum class Found { row, none, unavailable };
 
@@ -81,22 +59,37 @@ struct TableShape {
    uint32_t valueBytes = 0;
 };
 
+// Where a reader last found a key. A caller that looks the same key up
+// again and again (an adapter over one row) keeps one: the next look-up
+// starts at that slot when the slot's word and the table's generation show
+// it still holds the key, and probes afresh otherwise.
+struct FindHint {
+   uint64_t mapping = 0;  // which mapping of this reader, 0: none yet
+   uint64_t head = 0;     // the slot's word when the key was found there
+   uint64_t slot = 0;
+};
+
 class Mapping;
 
 // The writer of one table.
 class TableWriter {
  public:
-   // Creates the table (or attaches to an existing one of the same shape,
-   // repairing rows a killed writer left half-written). Throws Error when
-   // another writer holds it or the existing objects do not match.
+   static constexpr uint32_t maxCapacityLimit = 1u << 28;
+   // Creates the table, or takes over an existing one of the same shape: a
+   // new generation with every whole row (a row a killed writer left in the
+   // middle of being added or removed is dropped, see repaired()). Throws
+   // Error when another writer holds it, its objects do not match or cannot
+   // be trusted; a failed constructor leaves nothing behind. The table never
+   // grows past `maxCapacity` slots (half of them rows).
    TableWriter(std::string path, TableShape shape, uint32_t initialCapacity = 1024,
-               uint32_t ringCapacity = 4096);
+               uint32_t ringCapacity = 4096, uint32_t maxCapacity = maxCapacityLimit);
    ~TableWriter();
    TableWriter(TableWriter const &) = delete;
    TableWriter & operator=(TableWriter const &) = delete;
 
    // Inserts or replaces the row of `key`; shadows hear of it through the
-   // change ring unless `announce` is false (see announce()).
+   // change ring unless `announce` is false (see announce()). Throws Error
+   // when the table is full.
    void put(void const * key, void const * value, bool announce = true);
    // True when there was a row.
    bool remove(void const * key, bool announce = true);
@@ -109,15 +102,18 @@ class TableWriter {
    uint32_t size() const;
    uint32_t capacity() const;
    uint32_t generation() const;
+   // Rows the previous writer left half-added or half-removed, dropped.
    uint32_t repaired() const { return repaired_; }
 
  private:
-   void grow(uint32_t capacity);
+   void startGeneration(uint32_t capacity, Mapping const * from);
    void publish(void const * key);
    std::string path_;
    TableShape shape_;
    uint32_t ringCapacity_;
-   int lockFd_ = -1;
+   uint32_t maxCapacity_;
+   int ctlFd_ = -1;
+   void * ctl_ = nullptr;
    std::unique_ptr<Mapping> gen_;
    uint32_t tombstones_ = 0;
    uint32_t repaired_ = 0;
@@ -127,7 +123,8 @@ class TableWriter {
 class TableReader {
  public:
    // Attaches when the table exists; valid() says whether it did, error()
-   // why not. A table of another shape is refused.
+   // why not. A table of another shape, or objects that cannot be trusted,
+   // are refused.
    TableReader(std::string path, TableShape shape);
    ~TableReader();
    TableReader(TableReader const &) = delete;
@@ -135,18 +132,22 @@ class TableReader {
 
    bool valid() const;
    std::string const & error() const { return error_; }
-   // Tries to attach again if not attached; follows generation switches.
+   // Attaches if not attached, follows generation switches, and follows a
+   // table removed and made again (also one whose objects were deleted by
+   // hand).
    bool refresh();
    // Copies the row of `key` into `value` (valueBytes long). `value` holds
    // a whole row only when the answer is Found::row; after `unavailable` it
    // may hold a torn copy, after `none` it is untouched.
-   Found find(void const * key, void * value);
-   void forEach(std::function<void(void const * key, void const * value)> const & fn);
+   Found find(void const * key, void * value, FindHint * hint = nullptr);
+   // Every row present throughout the scan; returns the keys (keyBytes each)
+   // of the rows it could not copy.
+   std::vector<std::string> forEach(std::function<void(void const * key, void const * value)> const & fn);
    uint32_t generation() const;
 
  protected:
-   friend class TableShadow;
    bool attach();
+   void detach();
    std::string path_;
    TableShape shape_;
    int ctlFd_ = -1;
@@ -163,18 +164,22 @@ class TableShadow : public TableReader {
    TableShadow(std::string path, TableShape shape);
    // Calls `changed` once for every key that changed since the last call
    // (inserted, replaced or removed: look the key up to see which). After
-   // falling behind the ring, or a generation switch, every key present and
-   // every key seen before is reported and resyncs() counts it.
+   // falling behind the ring, or a generation switch (a grown table, a new
+   // writer), every key present and every key the consumer may still hold
+   // is reported, and resyncs() counts it.
    size_t poll(std::function<void(void const * key)> const & changed);
+   // As TableReader::find; the shadow also learns from it which keys the
+   // consumer holds, so that it can tell of their removal after a resync.
+   Found find(void const * key, void * value, FindHint * hint = nullptr);
    uint64_t resyncs() const { return resyncs_; }
 
  private:
    void resync(std::function<void(void const * key)> const & changed);
    uint64_t next_ = 0;
-   uint32_t seenGeneration_ = 0;
-   bool started_ = false;
+   uint64_t seenMapping_ = 0;
    uint64_t resyncs_ = 0;
-   std::unordered_set<std::string> known_;  // keys present at the last resync or seen since
+   // Keys the consumer may hold: reported since, and not looked up as absent.
+   std::unordered_set<std::string> held_;
 };
 
 // Typed rows: `Row` is trivially copyable and has a `key` member of the
@@ -210,11 +215,20 @@ struct TypedShape {
    }
 };
 
+// The keys of a scan's unreadable rows, typed.
+template <class Key>
+std::vector<Key> keysOf(std::vector<std::string> const & raw) {
+   std::vector<Key> keys(raw.size());
+   for (size_t i = 0; i < raw.size(); ++i) std::memcpy(static_cast<void *>(&keys[i]), raw[i].data(), sizeof(Key));
+   return keys;
+}
+
 template <class Key, class Row>
 class Writer {
  public:
-   Writer(std::string path, std::string rowType, uint32_t capacity = 1024, uint32_t ring = 4096)
-         : w_(std::move(path), TypedShape<Key, Row>::make(std::move(rowType)), capacity, ring) {}
+   Writer(std::string path, std::string rowType, uint32_t capacity = 1024, uint32_t ring = 4096,
+          uint32_t maxCapacity = TableWriter::maxCapacityLimit)
+         : w_(std::move(path), TypedShape<Key, Row>::make(std::move(rowType)), capacity, ring, maxCapacity) {}
    void put(Row const & r) { w_.put(&r.key, &r); }
    bool remove(Key const & k) { return w_.remove(&k); }
    void clear() { w_.clear(); }
@@ -233,13 +247,14 @@ class Reader {
          : r_(std::move(path), TypedShape<Key, Row>::make(std::move(rowType))) {}
    bool valid() const { return r_.valid(); }
    std::string const & error() const { return r_.error(); }
-   Found find(Key const & k, Row * r) { return r_.find(&k, r); }
-   void forEach(std::function<void(Row const &)> const & fn) {
-      r_.forEach([&](void const *, void const * v) {
+   Found find(Key const & k, Row * r, FindHint * hint = nullptr) { return r_.find(&k, r, hint); }
+   // Every row present throughout; returns the keys it could not read.
+   std::vector<Key> forEach(std::function<void(Row const &)> const & fn) {
+      return keysOf<Key>(r_.forEach([&](void const *, void const * v) {
          Row row;
-         std::memcpy(&row, v, sizeof row);
+         std::memcpy(static_cast<void *>(&row), v, sizeof row);
          fn(row);
-      });
+      }));
    }
    TableReader & engine() { return r_; }
 
@@ -253,11 +268,11 @@ class Shadow {
    Shadow(std::string path, std::string rowType)
          : s_(std::move(path), TypedShape<Key, Row>::make(std::move(rowType))) {}
    bool valid() const { return s_.valid(); }
-   Found find(Key const & k, Row * r) { return s_.find(&k, r); }
+   Found find(Key const & k, Row * r, FindHint * hint = nullptr) { return s_.find(&k, r, hint); }
    size_t poll(std::function<void(Key const &)> const & changed) {
       return s_.poll([&](void const * k) {
          Key key;
-         std::memcpy(&key, k, sizeof key);
+         std::memcpy(static_cast<void *>(&key), k, sizeof key);
          changed(key);
       });
    }
