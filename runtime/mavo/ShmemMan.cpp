@@ -91,6 +91,9 @@ uint64_t ShmemMan::counterAddr(Kel::String8 const & key, uint32_t size, bool for
    uint8_t * base = segment(row.cell / cellsPerSegment, writer_ != nullptr);
    if (!base) return 0;
    uint8_t * cell = base + size_t(row.cell % cellsPerSegment) * cellBytes_;
+   // A writer killed between its two copies left them disagreeing: make
+   // them agree before this writer's first write to the cell.
+   if (writer_ && cellBytes_ == Brik::ShmemCell::bytes) Brik::reconcileCell(cell);
    uint64_t addr = uint64_t(reinterpret_cast<uintptr_t>(cell));
    cache_.emplace(key.str(), addr);
    return addr;

@@ -48,6 +48,21 @@ inline std::atomic<uint32_t> * cellWord(uint8_t * cell, uint32_t offset) {
 }
 static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
 
+// Makes the copy readers are not using equal to the one they use. A writer
+// killed between its two copies leaves them disagreeing, and the next
+// writer's first flip would take readers back to older values of every
+// counter it did not write itself: a writer that starts reconciles each
+// cell before its first write to it. Readers are undisturbed: only the copy
+// the sequence word does not name is written.
+inline void reconcileCell(uint8_t * cell) {
+   uint32_t k = cellWord(cell, ShmemCell::seqOffset)->load(std::memory_order_acquire) & 1;
+   for (uint32_t o = 0; o < ShmemCell::copyBytes; o += 4) {
+      uint32_t v = cellWord(cell, ShmemCell::copyOffset[k] + o)->load(std::memory_order_relaxed);
+      cellWord(cell, ShmemCell::copyOffset[1 - k] + o)->store(v, std::memory_order_relaxed);
+   }
+   std::atomic_thread_fence(std::memory_order_release);
+}
+
 // `addr` when the cell there still carries `genId`, the generation its
 // holder last saw, else 0 (the holder must look the cell up again): the
 // read side's whole cost for a cell already located, one acquire load.
