@@ -1,8 +1,13 @@
 // Adapters that present a row of a shared-memory counter table as the
 // model's counter entity, so that whoever holds an IntfCounter (or
 // IntfAclDrops) reads the same way wherever the counters are kept. Every
-// read looks the row up afresh (the adapter caches nothing); with no table
-// directory, or no row, the counters read 0.
+// read looks the row up afresh, starting at the slot where it was found
+// last time; with no table directory, or no row, the counters read 0.
+//
+// A row the engine cannot read whole ("unavailable": its writer rewrote it
+// faster than it could be copied, again and again) never reads as zeros:
+// the adapter answers with the last row it read whole and available() says
+// false until a read succeeds again.
 #pragma once
 
 #include <Intf/IntfCounter.h>
@@ -12,6 +17,35 @@
 #include <string>
 
 namespace Interface {
+
+// One table row read again and again: the slot hint, and the last row read
+// whole, kept in the other of two buffers so that a read that fails
+// overwrites nothing that is still needed.
+template <class Row>
+class RowReading {
+ public:
+   // The row now; the last whole one when it is unavailable; null when
+   // there is none (or none was ever read whole).
+   template <class Dir>
+   Row const * read(Dir const & dir, Zenet::IntfId id) {
+      auto & into = rows_[cur_ == 0];
+      Smash::Found f = dir->counterLookup(id, into.slot(), &hint_);
+      available_ = f != Smash::Found::unavailable;
+      if (f == Smash::Found::row) {
+         cur_ = cur_ == 0;
+         return &into.row();
+      }
+      if (f == Smash::Found::none) cur_ = -1;
+      return cur_ < 0 ? nullptr : &rows_[cur_].row();
+   }
+   bool available() const { return available_; }
+
+ private:
+   Smash::FindHint hint_;
+   Smash::RowBuffer<Row> rows_[2];
+   int cur_ = -1;
+   bool available_ = true;
+};
 
 #define KEL_ATTRS_SmashIntfCounter(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
 class SmashIntfCounter : public IntfCounter {
@@ -28,19 +62,27 @@ class SmashIntfCounter : public IntfCounter {
    DirPtr const & counterDir() const { return dir_; }
 
    IntfStatistics statistics() const override {
-      Row b;
-      return find(b) ? b.row().statistics() : IntfStatistics();
+      auto const * r = read();
+      return r ? r->statistics() : IntfStatistics();
    }
    IntfRates rates() const override {
-      Row b;
-      return find(b) ? b.row().rates() : IntfRates();
+      auto const * r = read();
+      return r ? r->rates() : IntfRates();
    }
+   // Statistics and rates of the same moment, in one look-up.
+   void counters(IntfStatistics * statistics, IntfRates * rates) const {
+      auto const * r = read();
+      *statistics = r ? r->statistics() : IntfStatistics();
+      *rates = r ? r->rates() : IntfRates();
+   }
+   // False when the last read found the row unavailable (and gave the last
+   // values read whole).
+   bool available() const { return reading_.available(); }
 
  private:
-   using Row = Smash::RowBuffer<Smash::Interface::IntfCounter>;
-   // This interface's row, read afresh; false without a directory or a row.
-   bool find(Row & b) const { return dir_ && dir_->counterFind(intfId_, b.slot()); }
+   Smash::Interface::IntfCounter const * read() const { return dir_ ? reading_.read(dir_, intfId_) : nullptr; }
    DirPtr dir_;
+   mutable RowReading<Smash::Interface::IntfCounter> reading_;
 };
 KEL_FACTORY(smashIntfCounterFactory, SmashIntfCounter);
 
@@ -57,13 +99,14 @@ class SmashAclDropCounter : public IntfAclDrops {
    DirPtr const & counterDir() const { return dir_; }
 
    uint64_t inAclDrops() const override {
-      Smash::RowBuffer<Smash::Interface::DropCounter> b;
-      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().inAclDrops();
-      return 0;
+      auto const * r = dir_ ? reading_.read(dir_, intfId_) : nullptr;
+      return r ? r->inAclDrops() : 0;
    }
+   bool available() const { return reading_.available(); }
 
  private:
    DirPtr dir_;
+   mutable RowReading<Smash::Interface::DropCounter> reading_;
 };
 KEL_FACTORY(smashAclDropCounterFactory, SmashAclDropCounter);
 
