@@ -68,6 +68,17 @@ TEST(ShowFormat, CountersShowInputAndOutputTablesAndMarkAbsentCounters) {
    EXPECT_EQ(t.find("Ethernet2"), std::string::npos) << t;  // no counters: not listed
    // Out octets were never given: shown as absent, not as zero.
    EXPECT_NE(t.find("Ethernet10          -             7"), std::string::npos) << t;
+   // Values that are the last ones read are marked, in every form.
+   auto r = rows();
+   r[0].countersStale = true;
+   for (std::string shown : {countersTable(r), ratesTable(r)}) {
+      EXPECT_NE(shown.find("Ethernet10*"), std::string::npos) << shown;
+      EXPECT_NE(shown.find("* last values read: the counters cannot be read just now\n"), std::string::npos) << shown;
+   }
+   EXPECT_NE(interfaceDetail(r[0], 0).find("  Counters: the last values read; they cannot be read just now\n"),
+             std::string::npos);
+   EXPECT_NE(toJson(r).find("\"stale\": true"), std::string::npos);
+   EXPECT_EQ(t.find("*"), std::string::npos);
 }
 
 TEST(ShowFormat, JsonCarriesEveryFieldWithEscapedStrings) {
