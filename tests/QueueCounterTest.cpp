@@ -92,7 +92,10 @@ TEST(QueueCounter, AReaderTrustsACellOnlyInTheGenerationItHasSeen) {
    // No cell yet: reads are 0.
    EXPECT_EQ(reader->pkts(), 0u);
 
+   // A cell of no generation yet is never read.
    auto writerTree = cells.tree(true);
+   writerTree->statisticsShmemMan()->man().counterAddr("Ethernet1-current-3-uc", 208, false);
+   EXPECT_EQ(reader->counterAddr(true), 0u);
    auto writer = queueOf(writerTree, 1, 3);
    writer->pktsIs(5);
    EXPECT_EQ(writer->counterGenId(), 1u);
@@ -136,71 +139,40 @@ TEST(QueueCounter, AReaderTrustsACellOnlyInTheGenerationItHasSeen) {
 
 TEST(QueueCounter, ACounterOutOfPlaceHasNoCellReadsZeroAndDropsWrites) {
    Cells cells("test/qc-place");
+   // Each case a chain of entities, each in the one before: a plain
+   // directory 'd', an interface's counter directory 'i', a counter 'c', a
+   // queue 'q'.
    struct Case {
-      const char * name;
-      std::function<Kel::Ptr<Kel::Entity>(std::vector<Kel::Ptr<Kel::Entity>> &)> make;
+      const char * levels;
       const char * piece;
    };
-   std::vector<Case> cases = {
-       {"an orphaned queue", [](auto &) { return Kel::makePtr<IntfQueueStatistics>("0-uc", 0, PktType::uc); },
-        " counter is orphaned! Counter path: 0-uc"},
-       {"an orphaned counter", [](auto &) { return Kel::makePtr<IntfQueueCounter>("current"); },
-        " counter is orphaned! Counter path: current"},
-       {"a queue in a plain directory",
-        [](auto & keep) {
-           auto d = Kel::makePtr<Kel::Dir>("d");
-           keep.push_back(d);
-           auto q = Kel::makePtr<IntfQueueStatistics>("0-uc", 0, PktType::uc);
-           d->entryIs(q);
-           return Kel::Ptr<Kel::Entity>(q);
-        },
-        " parent is not IntfQueueCounter! Counter path: d/0-uc"},
-       {"a counter in a plain directory",
-        [](auto & keep) {
-           auto d = Kel::makePtr<Kel::Dir>("d");
-           keep.push_back(d);
-           auto c = Kel::makePtr<IntfQueueCounter>("current");
-           d->entryIs(c);
-           return Kel::Ptr<Kel::Entity>(c);
-        },
-        " queueCounters parent is not IntfQueueCounterDir! Counter path: d/current"},
-       {"a queue of a counter outside a directory",
-        [](auto & keep) {
-           auto c = Kel::makePtr<IntfQueueCounter>("current");
-           keep.push_back(c);
-           return Kel::Ptr<Kel::Entity>(c->queuesIs(0, PktType::uc));
-        },
-        " grandparent is null. Counter path: current/0-uc"},
-       {"a counter directory outside the top directory",
-        [](auto & keep) {
-           auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
-           keep.push_back(d);
-           return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current"));
-        },
-        " grandparent is null. Counter path: Ethernet1/current"},
-       {"a counter directory in a plain directory",
-        [](auto & keep) {
-           auto top = Kel::makePtr<Kel::Dir>("top");
-           keep.push_back(top);
-           auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
-           top->entryIs(d);
-           return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current"));
-        },
-        " grandparent is not AllEthIntfCounterDir! Counter path: top/Ethernet1/current"},
-       {"a queue whose counter directory is in a plain directory",
-        [](auto & keep) {
-           auto top = Kel::makePtr<Kel::Dir>("top");
-           keep.push_back(top);
-           auto d = Kel::makePtr<IntfQueueCounterDir>(eth(1));
-           top->entryIs(d);
-           return Kel::Ptr<Kel::Entity>(d->intfQueueCounterIs("current")->queuesIs(1, PktType::mc));
-        },
-        " greatgrandparent is not AllEthIntfCounterDir! Counter path: top/Ethernet1/current/1-mc"},
-   };
-   for (auto const & c : cases) {
-      SCOPED_TRACE(c.name);
+   for (Case c : {Case{"q", " counter is orphaned! Counter path: 0-uc"},
+                  Case{"c", " counter is orphaned! Counter path: current"},
+                  Case{"dq", " parent is not IntfQueueCounter! Counter path: d/0-uc"},
+                  Case{"dc", " queueCounters parent is not IntfQueueCounterDir! Counter path: d/current"},
+                  Case{"cq", " grandparent is null. Counter path: current/0-uc"},
+                  Case{"ic", " grandparent is null. Counter path: Ethernet1/current"},
+                  Case{"dic", " grandparent is not AllEthIntfCounterDir! Counter path: d/Ethernet1/current"},
+                  Case{"dicq", " greatgrandparent is not AllEthIntfCounterDir! Counter path: d/Ethernet1/current/0-uc"}}) {
+      SCOPED_TRACE(c.levels);
       std::vector<Kel::Ptr<Kel::Entity>> keep;
-      auto e = c.make(keep);
+      for (char l : std::string(c.levels)) {
+         Kel::Entity * up = keep.empty() ? nullptr : keep.back().ptr();
+         Kel::Ptr<Kel::Entity> e;
+         if (auto * i = dynamic_cast<IntfQueueCounterDir *>(up)) {
+            e = i->intfQueueCounterIs("current");
+         } else if (auto * qc = dynamic_cast<IntfQueueCounter *>(up)) {
+            e = qc->queuesIs(0, PktType::uc);
+         } else {
+            e = l == 'd'   ? Kel::Ptr<Kel::Entity>(Kel::makePtr<Kel::Dir>("d"))
+                : l == 'i' ? Kel::Ptr<Kel::Entity>(Kel::makePtr<IntfQueueCounterDir>(eth(1)))
+                : l == 'c' ? Kel::Ptr<Kel::Entity>(Kel::makePtr<IntfQueueCounter>("current"))
+                           : Kel::Ptr<Kel::Entity>(Kel::makePtr<IntfQueueStatistics>("0-uc", 0, PktType::uc));
+            if (up) static_cast<Kel::Dir *>(up)->entryIs(e);
+         }
+         keep.push_back(e);
+      }
+      Kel::Ptr<Kel::Entity> e = keep.back();
       CellTrace trace;
       if (auto * q = dynamic_cast<IntfQueueStatistics *>(e.ptr())) {
          q->bytesIs(5);

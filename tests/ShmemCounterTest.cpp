@@ -155,39 +155,3 @@ TEST(ShmemMan, ManyCellsFitAndEveryProcessFindsTheSameOnes) {
    EXPECT_EQ(WEXITSTATUS(st), 0);
    EXPECT_EQ(w.counterAddr(Kel::String8(std::string(49, 'k')), 208, false), 0u);  // key too long
 }
-
-TEST(ShmemMan, GenerationsDecideWhoMayUseACell) {
-   Managers m("test/gens");
-   Mavo::ShmemMan w(m.path, true), r(m.path, false);
-   uint32_t writerGen = 0, readerGen = 0;
-   // Nobody has set a generation: a reader that knows none reads nothing.
-   w.counterAddr("Ethernet1-q0", 208, false);
-   EXPECT_EQ(r.cellFor("Ethernet1-q0", 208, true, &readerGen), 0u);
-   // The writer starts generation 1; a reader that learnt it may read.
-   uint64_t a = w.cellFor("Ethernet1-q0", 208, false, &writerGen);
-   ASSERT_NE(a, 0u);
-   EXPECT_EQ(writerGen, 1u);
-   readerGen = writerGen;
-   EXPECT_NE(r.cellFor("Ethernet1-q0", 208, true, &readerGen), 0u);
-   // A writer that restarts without its generation starts a new one; the
-   // reader still holding the old one is refused.
-   uint32_t restarted = 7;
-   EXPECT_EQ(w.cellFor("Ethernet1-q0", 208, false, &restarted), a);
-   EXPECT_EQ(restarted, 8u);
-   std::vector<std::string> traced;
-   Kel::traceLevelIs("Brik::ShmemCounter", 9);
-   Kel::traceSinkIs([&](const char *, int, Kel::String8 const & msg) { traced.push_back(msg.str()); });
-   EXPECT_EQ(r.cellFor("Ethernet1-q0", 208, true, &readerGen), 0u);
-   uint32_t last = 4294967295u;
-   EXPECT_NE(w.cellFor("Ethernet2-q0", 208, false, &last), 0u);
-   Kel::traceSinkIs(nullptr);
-   Kel::traceLevelIs("Brik::ShmemCounter", -1);
-   EXPECT_EQ(last, 1u);  // wraps past 0
-   ASSERT_GE(traced.size(), 2u);
-   EXPECT_NE(std::find(traced.begin(), traced.end(),
-                       "counterAddr pid:" + std::to_string(::getpid()) +
-                           " genId mismatched! shmemGenId=8 counterGenId()=1"),
-             traced.end());
-   EXPECT_EQ(traced.back(), "pid:" + std::to_string(::getpid()) +
-                                " Mavo::ShmemMan::cellFor sync counterGenId to be 1");
-}
