@@ -76,7 +76,7 @@ bool powerOfTwo(uint64_t v) { return v && !(v & (v - 1)); }
 // Slot: head word, value word, key, value copy 0, value copy 1; each part
 // starts on a word, so every copy in or out is a word at a time.
 struct Layout {
-   uint64_t keyOffset = 16, valueOffset, valueStride, slotBytes, ringEntryBytes, slotsOffset, ringOffset, total;
+   uint64_t keyOffset = slotKeyOffset, valueOffset, valueStride, slotBytes, ringEntryBytes, slotsOffset, ringOffset, total;
    Layout(uint32_t keyBytes, uint32_t valueBytes, uint32_t capacity, uint32_t ring) {
       valueOffset = keyOffset + align(keyBytes, 8);
       valueStride = align(valueBytes, 8);
@@ -119,9 +119,9 @@ std::string genPart(uint32_t gen) {
 // The generation after `g`; 0 means "none" and is skipped.
 uint32_t nextGeneration(uint32_t g) { return g + 1 == 0 ? 1 : g + 1; }
 
-// Each mapping of this process has its own number, so that a hint taken on
-// one is never used on another (a table removed and made again restarts
-// its generation numbers).
+// Each mapping of this process has its own number, so that a shadow tells
+// a new generation from the one it followed (a table removed and made
+// again restarts its generation numbers).
 uint64_t nextSerial() {
    static std::atomic<uint64_t> serial{0};
    return ++serial;
@@ -174,9 +174,21 @@ bool sameKey(uint8_t const * slotKey, void const * key, uint32_t n) {
 
 } // namespace
 
+// A reader's mapped control object.
+class Control {
+ public:
+   ~Control() {
+      if (base) ::munmap(base, sizeof(CtlHeader));
+      if (fd >= 0) ::close(fd);
+   }
+   std::atomic<uint32_t> & generation() const { return static_cast<CtlHeader *>(base)->generation; }
+   int fd = -1;
+   void * base = nullptr;
+};
+
 // One mapped generation object, with the sizes its header gave, checked
 // once and kept here: nothing read from shared memory is used unchecked.
-class Mapping {
+class Mapping : public MappingState {
  public:
    Mapping() : serial(nextSerial()) {}
    ~Mapping() {
@@ -198,6 +210,7 @@ class Mapping {
    }
 
    uint64_t const serial;
+   std::shared_ptr<Control const> control;  // a reader's: kept mapped with the generation
    int fd = -1;
    void * base = nullptr;
    size_t size = 0;
@@ -661,12 +674,14 @@ TableReader::TableReader(std::string path, TableShape shape) : path_(std::move(p
 
 TableReader::~TableReader() { detach(); }
 
-void TableReader::detach() {
+void TableReader::dropGeneration() {
+   if (gen_) gen_->current = false;
    gen_.reset();
-   if (ctl_) ::munmap(const_cast<void *>(ctl_), sizeof(CtlHeader));
-   ctl_ = nullptr;
-   if (ctlFd_ >= 0) ::close(ctlFd_);
-   ctlFd_ = -1;
+}
+
+void TableReader::detach() {
+   dropGeneration();
+   ctl_.reset();
 }
 
 bool TableReader::valid() const { return gen_ != nullptr; }
@@ -675,7 +690,7 @@ uint32_t TableReader::generation() const { return gen_ ? gen_->generation : 0; }
 bool TableReader::attach() {
    // A control object that names no generation belongs to a table that was
    // removed (or is being made): look for the one at the name now.
-   if (ctl_ && generationOf(ctl_).load(std::memory_order_acquire) == 0) detach();
+   if (ctl_ && ctl_->generation().load(std::memory_order_acquire) == 0) detach();
    if (!ctl_) {
       std::string name;
       try {
@@ -708,16 +723,17 @@ bool TableReader::attach() {
          ::close(f.fd);
          return false;
       }
-      ctlFd_ = f.fd;
-      ctl_ = c;
+      ctl_ = std::make_shared<Control>();
+      ctl_->fd = f.fd;
+      ctl_->base = c;
    }
    // A writer that grows several times in a row may remove the generation
    // just read from the control; read it again, a bounded number of times.
    for (int tries = 0; tries < 64; ++tries) {
-      uint32_t gen = generationOf(ctl_).load(std::memory_order_acquire);
+      uint32_t gen = ctl_->generation().load(std::memory_order_acquire);
       if (gen == 0) {
          error_ = "table " + path_ + " has no generation yet";
-         gen_.reset();
+         dropGeneration();
          return false;
       }
       if (gen_ && gen_->generation == gen) return true;
@@ -732,6 +748,8 @@ bool TableReader::attach() {
          error_ = "table " + path_ + ": " + (err.empty() ? std::string("generation mismatch") : err);
          return gen_ != nullptr;
       }
+      m->control = ctl_;
+      dropGeneration();
       gen_ = std::shared_ptr<Mapping>(std::move(m));
       error_.clear();
       return true;
@@ -742,8 +760,8 @@ bool TableReader::attach() {
 bool TableReader::refresh() {
    // A control object deleted by hand (not through removeTable) still
    // names its generation: compare it with the object at the name.
-   if (ctlFd_ >= 0) {
-      if (!stillNamed(ctlFd_, objectName(path_, "ctl"))) detach();
+   if (ctl_) {
+      if (!stillNamed(ctl_->fd, objectName(path_, "ctl"))) detach();
    }
    return attach();
 }
@@ -757,7 +775,7 @@ Found TableReader::find(void const * key, void * value, FindHint * hint) {
       Found result = Found::none;
       bool again = false;
       // Where the key was found last time, if the slot still holds it.
-      uint8_t * s = hint && hint->mapping == m.serial ? m.slot(hint->slot) : nullptr;
+      uint8_t * s = hint && hint->keep == gen_ ? const_cast<uint8_t *>(hint->slot) : nullptr;
       uint64_t h = s ? Mapping::head(s)->load(std::memory_order_acquire) : 0;
       if (s && h == hint->head && sameKey(s + m.layout.keyOffset, key, m.keyBytes)) {
          Copy c = copyRow(m, s, h, value, nullptr);
@@ -782,13 +800,16 @@ Found TableReader::find(void const * key, void * value, FindHint * hint) {
                result = Found::unavailable;
             } else {
                result = Found::row;
-               if (hint) *hint = FindHint{m.serial, h, i};
+               if (hint) {
+                  *hint = FindHint{gen_, &ctl_->generation(), m.generation, uint32_t(m.layout.valueOffset),
+                                   uint32_t(m.layout.valueStride), h, s};
+               }
             }
             break;
          }
       }
       // A look-up that raced a switch to a new generation is done again there.
-      if (generationOf(ctl_).load(std::memory_order_acquire) == m.generation) {
+      if (ctl_->generation().load(std::memory_order_acquire) == m.generation) {
          if (!again) return result;
       } else if (!attach()) {
          return Found::none;  // the table is gone

@@ -13,38 +13,50 @@
 #include <Intf/IntfCounter.h>
 #include <Intf/SmashIntf.h>
 
+#include <cstring>
 #include <map>
 #include <string>
 
 namespace Interface {
 
-// One table row read again and again: the slot hint, and the last row read
-// whole, kept in the other of two buffers so that a read that fails
-// overwrites nothing that is still needed.
+// The last value of one field read whole, in the other of two buffers: a
+// read writes the field to its caller and to the free buffer in one pass,
+// so a read that fails overwrites nothing still needed.
+template <class T>
+struct KeptField {
+   T value[2];
+   int cur = -1;  // none
+};
+
+// One table row read again and again, a field at a time: from the row's
+// slot of the last look-up (a FindHint) while it still holds the row, else
+// by a look-up. A row the engine cannot read gives the field's kept value.
 template <class Row>
 class RowReading {
  public:
-   // The row now; the last whole one when it is unavailable; null when
-   // there is none (or none was ever read whole).
-   template <class Dir>
-   Row const * read(Dir const & dir, Zenet::IntfId id) {
-      auto & into = rows_[cur_ == 0];
-      Smash::Found f = dir->counterLookup(id, into.slot(), &hint_);
-      available_ = f != Smash::Found::unavailable;
-      if (f == Smash::Found::row) {
-         cur_ = cur_ == 0;
-         return &into.row();
+   // The field of type T at `offset` of the row, into *out: T() without a
+   // row, the kept value when the row is unavailable (then false).
+   template <class T, class Dir>
+   bool read(Dir const & dir, Zenet::IntfId id, size_t offset, KeptField<T> & kept, T * out) {
+      T & next = kept.value[kept.cur == 0];
+      if (Smash::findHinted<sizeof(id), sizeof(T)>(hint_, &id, out, offset, &next)) {
+         kept.cur = kept.cur == 0;
+         return true;
       }
-      if (f == Smash::Found::none) cur_ = -1;
-      return cur_ < 0 ? nullptr : &rows_[cur_].row();
+      Smash::RowBuffer<Row> row;
+      Smash::Found f = dir->counterLookup(id, row.slot(), &hint_);
+      if (f == Smash::Found::row) {
+         std::memcpy(static_cast<void *>(&next), reinterpret_cast<char const *>(row.slot()) + offset, sizeof(T));
+         kept.cur = kept.cur == 0;
+      } else if (f == Smash::Found::none) {
+         kept.cur = -1;
+      }
+      *out = kept.cur < 0 ? T() : kept.value[kept.cur];
+      return f != Smash::Found::unavailable;
    }
-   bool available() const { return available_; }
 
  private:
    Smash::FindHint hint_;
-   Smash::RowBuffer<Row> rows_[2];
-   int cur_ = -1;
-   bool available_ = true;
 };
 
 #define KEL_ATTRS_SmashIntfCounter(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
@@ -62,27 +74,39 @@ class SmashIntfCounter : public IntfCounter {
    DirPtr const & counterDir() const { return dir_; }
 
    IntfStatistics statistics() const override {
-      auto const * r = read();
-      return r ? r->statistics() : IntfStatistics();
+      IntfStatistics s;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId), statistics_, &s) : true;
+      return s;
    }
    IntfRates rates() const override {
-      auto const * r = read();
-      return r ? r->rates() : IntfRates();
+      IntfRates r;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId) + sizeof(IntfStatistics), rates_, &r) : true;
+      return r;
    }
    // Statistics and rates of the same moment, in one look-up.
    void counters(IntfStatistics * statistics, IntfRates * rates) const {
-      auto const * r = read();
-      *statistics = r ? r->statistics() : IntfStatistics();
-      *rates = r ? r->rates() : IntfRates();
+      Both b;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId), both_, &b) : true;
+      *statistics = b.statistics;
+      *rates = b.rates;
    }
    // False when the last read found the row unavailable (and gave the last
    // values read whole).
-   bool available() const { return reading_.available(); }
+   bool available() const { return available_; }
 
  private:
-   Smash::Interface::IntfCounter const * read() const { return dir_ ? reading_.read(dir_, intfId_) : nullptr; }
+   struct Both {
+      IntfStatistics statistics;
+      IntfRates rates;
+   };
+   static_assert(sizeof(Smash::Interface::IntfCounter) == sizeof(Zenet::IntfId) + sizeof(Both),
+                 "the row is its key, its statistics and its rates, in that order");
    DirPtr dir_;
    mutable RowReading<Smash::Interface::IntfCounter> reading_;
+   mutable KeptField<IntfStatistics> statistics_;
+   mutable KeptField<IntfRates> rates_;
+   mutable KeptField<Both> both_;
+   mutable bool available_ = true;
 };
 KEL_FACTORY(smashIntfCounterFactory, SmashIntfCounter);
 
@@ -99,14 +123,18 @@ class SmashAclDropCounter : public IntfAclDrops {
    DirPtr const & counterDir() const { return dir_; }
 
    uint64_t inAclDrops() const override {
-      auto const * r = dir_ ? reading_.read(dir_, intfId_) : nullptr;
-      return r ? r->inAclDrops() : 0;
+      uint64_t drops = 0;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId), drops_, &drops) : true;
+      return drops;
    }
-   bool available() const { return reading_.available(); }
+   bool available() const { return available_; }
 
  private:
+   static_assert(sizeof(Smash::Interface::DropCounter) == sizeof(Zenet::IntfId) + sizeof(uint64_t));
    DirPtr dir_;
    mutable RowReading<Smash::Interface::DropCounter> reading_;
+   mutable KeptField<uint64_t> drops_;
+   mutable bool available_ = true;
 };
 KEL_FACTORY(smashAclDropCounterFactory, SmashAclDropCounter);
 

@@ -34,6 +34,7 @@
 
 #include <Smash/ShmObject.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -43,6 +44,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace Smash {
@@ -63,13 +65,90 @@ struct TableShape {
 // again and again (an adapter over one row) keeps one: the next look-up
 // starts at that slot when the slot's word and the table's generation show
 // it still holds the key, and probes afresh otherwise.
+class Mapping;
+
+// What a hint needs to know of the mapping it was taken on: whether its
+// reader still reads that mapping (not after the reader followed another).
+struct MappingState {
+   bool current = true;
+};
 struct FindHint {
-   uint64_t mapping = 0;  // which mapping of this reader, 0: none yet
-   uint64_t head = 0;     // the slot's word when the key was found there
-   uint64_t slot = 0;
+   std::shared_ptr<MappingState const> keep;  // the slot's generation and control stay mapped while held
+   std::atomic<uint32_t> const * generationWord = nullptr;  // the control's current generation
+   uint32_t generation = 0;                                 // the slot's
+   uint32_t valueOffset = 0, valueStride = 0;               // where the slot's two value copies lie
+   uint64_t head = 0;  // the slot's head word when the key was found there
+   uint8_t const * slot = nullptr;
 };
 
-class Mapping;
+// Copies `Bytes` from a word-aligned place a word at a time, each word one
+// relaxed load and one store: shared memory another process writes is read
+// only through atomics. (A copy read back word by word this way also avoids
+// wide loads of words just stored one by one, which wait for the stores.)
+template <size_t Bytes, size_t I>
+inline void copyWord(uint8_t * to, std::atomic<uint64_t> const * from) {
+   uint64_t v = from[I].load(std::memory_order_relaxed);
+   std::memcpy(to + 8 * I, &v, 8 * I + 8 <= Bytes ? 8 : Bytes % 8);
+}
+template <size_t Bytes, size_t... I>
+inline void copyWords(uint8_t * to, std::atomic<uint64_t> const * from, std::index_sequence<I...>) {
+   (copyWord<Bytes, I>(to, from), ...);
+}
+template <size_t Bytes>
+inline void copyWords(void * to, void const * from) {
+   copyWords<Bytes>(static_cast<uint8_t *>(to), static_cast<std::atomic<uint64_t> const *>(from),
+                    std::make_index_sequence<(Bytes + 7) / 8>());
+}
+// The same, each word also stored to `save`.
+template <size_t Bytes, size_t I>
+inline void copyWord(uint8_t * to, uint8_t * save, std::atomic<uint64_t> const * from) {
+   uint64_t v = from[I].load(std::memory_order_relaxed);
+   std::memcpy(to + 8 * I, &v, 8 * I + 8 <= Bytes ? 8 : Bytes % 8);
+   std::memcpy(save + 8 * I, &v, 8 * I + 8 <= Bytes ? 8 : Bytes % 8);
+}
+template <size_t Bytes, size_t... I>
+inline void copyWords(uint8_t * to, uint8_t * save, std::atomic<uint64_t> const * from, std::index_sequence<I...>) {
+   (copyWord<Bytes, I>(to, save, from), ...);
+}
+
+// Where a slot's key starts: after its head word and its value word.
+inline constexpr uint32_t slotKeyOffset = 16;
+
+// A look-up through a hint, in line for callers that know the sizes: the
+// slot of the last find, while the control still names its generation and
+// the slot's head word has not moved (so the slot still holds the key).
+// Copies `ValueBytes` of the value from `offset` to `value`, and to `save`
+// when given. False when the caller must look the key up (TableReader::find).
+template <size_t KeyBytes, size_t ValueBytes>
+[[gnu::always_inline]] inline bool findHinted(FindHint const & hint, void const * key, void * value,
+                                              size_t offset = 0, void * save = nullptr) {
+   if (!hint.slot || !hint.keep->current || hint.generationWord->load(std::memory_order_acquire) != hint.generation) {
+      return false;
+   }
+   auto const * head = reinterpret_cast<std::atomic<uint64_t> const *>(hint.slot);
+   if (head[0].load(std::memory_order_acquire) != hint.head) return false;
+   uint64_t slotKey[(KeyBytes + 7) / 8] = {}, k[(KeyBytes + 7) / 8] = {};
+   copyWords<KeyBytes>(slotKey, hint.slot + slotKeyOffset);
+   std::memcpy(k, key, KeyBytes);
+   if (std::memcmp(slotKey, k, KeyBytes) != 0) return false;
+   for (int tries = 0; tries < 4; ++tries) {
+      uint64_t v1 = head[1].load(std::memory_order_acquire);
+      uint8_t const * from = hint.slot + hint.valueOffset + ((v1 >> 1) & 1) * hint.valueStride + offset;
+      if (save) {
+         copyWords<ValueBytes>(static_cast<uint8_t *>(value), static_cast<uint8_t *>(save),
+                               reinterpret_cast<std::atomic<uint64_t> const *>(from),
+                               std::make_index_sequence<(ValueBytes + 7) / 8>());
+      } else {
+         copyWords<ValueBytes>(value, from);
+      }
+      std::atomic_thread_fence(std::memory_order_acquire);
+      uint64_t v2 = head[1].load(std::memory_order_relaxed);
+      if (head[0].load(std::memory_order_relaxed) != hint.head) return false;
+      // The copy of version n is next written once the word is 2n + 3.
+      if (v2 - (v1 & ~uint64_t(1)) < 3) return true;
+   }
+   return false;
+}
 
 // The writer of one table.
 class TableWriter {
@@ -120,6 +199,7 @@ class TableWriter {
 };
 
 // A reader of one table.
+class Control;
 class TableReader {
  public:
    // Attaches when the table exists; valid() says whether it did, error()
@@ -148,12 +228,13 @@ class TableReader {
  protected:
    bool attach();
    void detach();
+   // Drops the generation read so far; hints taken on it are no longer used.
+   void dropGeneration();
    std::string path_;
    TableShape shape_;
-   int ctlFd_ = -1;
-   void const * ctl_ = nullptr;
-   // Shared, so that a walk over one generation keeps it mapped while a
-   // callback's look-up moves the reader to the next.
+   std::shared_ptr<Control> ctl_;
+   // Shared, so that a walk over one generation (or a hint) keeps it mapped
+   // while a callback's look-up moves the reader to the next.
    std::shared_ptr<Mapping> gen_;
    std::string error_;
 };
@@ -247,7 +328,10 @@ class Reader {
          : r_(std::move(path), TypedShape<Key, Row>::make(std::move(rowType))) {}
    bool valid() const { return r_.valid(); }
    std::string const & error() const { return r_.error(); }
-   Found find(Key const & k, Row * r, FindHint * hint = nullptr) { return r_.find(&k, r, hint); }
+   Found find(Key const & k, Row * r, FindHint * hint = nullptr) {
+      if (hint && findHinted<sizeof(Key), sizeof(Row)>(*hint, &k, r)) return Found::row;
+      return r_.find(&k, r, hint);
+   }
    // Every row present throughout; returns the keys it could not read.
    std::vector<Key> forEach(std::function<void(Row const &)> const & fn) {
       return keysOf<Key>(r_.forEach([&](void const *, void const * v) {
