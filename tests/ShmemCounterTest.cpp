@@ -1,5 +1,6 @@
 // Counter cells in shared memory: found by key through the cell manager,
 // read lock-free by other processes while a writer changes them.
+#include "ChildProcess.h"
 #include "ShmTestPrefix.h"
 
 #include <Brik/ShmemCounter.h>
@@ -44,40 +45,34 @@ uint64_t countValue(uint64_t n) { return (n << 32) | n; }
 // processes never see a value torn, nor either counter go backwards.
 TEST(ShmemCounter, ReadersNeverSeeACounterTornOrGoBackwardsWhileWritersAreKilled) {
    Managers m("test/cells");
-   int done[2], report[2];
-   ASSERT_EQ(::pipe(done), 0);
-   ASSERT_EQ(::pipe(report), 0);
    { Mavo::ShmemMan(m.path, true).counterAddr("Ethernet1-q0", 208, false); }
+   struct Counts {
+      std::atomic<bool> done;
+      uint64_t reads[2], torn[2], backwards[2];
+   };
+   IntfTest::Shared<Counts> counts;
    std::vector<pid_t> readers;
    for (int r = 0; r < 2; ++r) {
-      pid_t pid = ::fork();
-      if (pid == 0) {
+      readers.push_back(IntfTest::spawn([&, r] {
          Mavo::ShmemMan man(m.path, false);
          Cell c{&man, "Ethernet1-q0"};
-         ::fcntl(done[0], F_SETFL, O_NONBLOCK);
-         uint64_t out[3] = {}, last[2] = {};  // reads, torn, backwards
-         for (char ch; ::read(done[0], &ch, 1) != 1;) {
-            for (int i = 0; i < 1000; ++i, ++out[0]) {
-               uint64_t v[2] = {Brik::shmemCounterVal(&c, Brik::Slot::pkts), Brik::shmemCounterVal(&c, Brik::Slot::bytes)};
-               for (int k = 0; k < 2; ++k) {
-                  out[1] += (v[k] >> 32) != (v[k] & 0xffffffff);
-                  out[2] += v[k] < last[k];
-                  last[k] = v[k];
-               }
+         for (uint64_t last[2] = {}; !counts->done; ++counts->reads[r]) {
+            uint64_t v[2] = {Brik::shmemCounterVal(&c, Brik::Slot::pkts), Brik::shmemCounterVal(&c, Brik::Slot::bytes)};
+            for (int k = 0; k < 2; ++k) {
+               counts->torn[r] += (v[k] >> 32) != (v[k] & 0xffffffff);
+               counts->backwards[r] += v[k] < last[k];
+               last[k] = v[k];
             }
          }
-         (void)!::write(report[1], out, sizeof out);
-         ::_exit(0);
-      }
-      readers.push_back(pid);
+         return 0;
+      }));
    }
    std::mt19937 rng(5);
    int writers = 0;
    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5); std::chrono::steady_clock::now() < end;
         ++writers) {
       bool both = writers % 2 == 0;
-      pid_t pid = ::fork();
-      if (pid == 0) {
+      pid_t pid = IntfTest::spawn([&] {
          Mavo::ShmemMan man(m.path, true);
          Cell c{&man, "Ethernet1-q0"};
          uint64_t pkts = Brik::shmemCounterVal(&c, Brik::Slot::pkts) & 0xffffffff;
@@ -86,21 +81,18 @@ TEST(ShmemCounter, ReadersNeverSeeACounterTornOrGoBackwardsWhileWritersAreKilled
             if (both) Brik::shmemCounterValIs(&c, countValue(++pkts), Brik::Slot::pkts);
             Brik::shmemCounterValIs(&c, countValue(++bytes), Brik::Slot::bytes);
          }
-      }
+         return 0;
+      });
       std::this_thread::sleep_for(std::chrono::microseconds(rng() % 2000));
-      ::kill(pid, SIGKILL);
-      ::waitpid(pid, nullptr, 0);
+      IntfTest::stop(pid);
    }
-   (void)!::write(done[1], "xx", 2);
-   for (pid_t pid : readers) {
-      uint64_t out[3] = {};
-      ASSERT_EQ(::read(report[0], out, sizeof out), ssize_t(sizeof out));
-      ::waitpid(pid, nullptr, 0);
-      EXPECT_GT(out[0], 1000u);
-      EXPECT_EQ(out[1], 0u) << "torn reads";
-      EXPECT_EQ(out[2], 0u) << "counters going backwards, " << writers << " writers killed";
+   counts->done = true;
+   for (int r = 0; r < 2; ++r) {
+      EXPECT_EQ(IntfTest::exitCode(readers[r]), 0);
+      EXPECT_GT(counts->reads[r], 1000u);
+      EXPECT_EQ(counts->torn[r], 0u) << "torn reads";
+      EXPECT_EQ(counts->backwards[r], 0u) << "counters going backwards, " << writers << " writers killed";
    }
-   for (int fd : {done[0], done[1], report[0], report[1]}) ::close(fd);
 }
 
 TEST(ShmemCounter, WithoutACellReadsAreZeroAndWritesAreDroppedAndTraced) {

@@ -2,6 +2,7 @@
 // stopped and killed at full speed while readers find and scan and a
 // shadow's consumer follows every change; objects that cannot be trusted;
 // writers that fail; tables removed and made again; names.
+#include "ChildProcess.h"
 #include "Pipe.h"
 #include "ShmTestPrefix.h"
 
@@ -26,6 +27,8 @@
 
 namespace {
 
+using namespace IntfTest;
+
 // A row whose fields must agree with each other: a torn copy shows.
 struct Row {
    uint64_t key;
@@ -41,20 +44,6 @@ using W = Smash::Writer<uint64_t, Row>;
 using R = Smash::Reader<uint64_t, Row>;
 using S = Smash::Shadow<uint64_t, Row>;
 
-pid_t spawn(std::function<int()> body) {
-   pid_t pid = ::fork();
-   if (pid == 0) ::_exit(body());
-   return pid;
-}
-int exitCode(pid_t pid) {
-   int st = 0;
-   ::waitpid(pid, &st, 0);
-   return WIFEXITED(st) ? WEXITSTATUS(st) : 100 + WTERMSIG(st);
-}
-void stop(pid_t pid) {
-   ::kill(pid, SIGKILL);
-   ::waitpid(pid, nullptr, 0);
-}
 using Clock = std::chrono::steady_clock;
 
 // An object of a table mapped read-write, as another process could.
@@ -64,14 +53,6 @@ uint8_t * mapped(std::string const & path, std::string const & part, size_t byte
    ::close(fd);
    return static_cast<uint8_t *>(p);
 }
-
-// Memory the test shares with its children: a flag to stop, their counts.
-template <class T>
-struct Shared {
-   T * p = new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T();
-   ~Shared() { ::munmap(p, sizeof(T)); }
-   T * operator->() const { return p; }
-};
 
 // A writer process that keeps rewriting rows 0..stable-1 and adds and
 // removes rows stable..2*stable-1 (so that slots are re-assigned and the
@@ -105,12 +86,11 @@ TEST(SmashTable, ReadersFindAndScanEveryExistingRowWhileWritersRewriteStopAndDie
    ShmTestPrefix shm;
    std::string path = shm.table("test/rows");
    constexpr uint64_t stable = 2000;
-   struct Reading {
-      uint64_t finds, missed, torn, scans, unlisted;
-   };
    struct Counts {
       std::atomic<bool> done;
-      Reading r[2];
+      struct {
+         uint64_t finds, missed, torn, scans, unlisted;
+      } r[2];
    };
    Shared<Counts> counts;
    Pipe ready;
@@ -122,7 +102,7 @@ TEST(SmashTable, ReadersFindAndScanEveryExistingRowWhileWritersRewriteStopAndDie
          Smash::TableColl<uint64_t, Row> coll;
          coll.open(Smash::Role::reader, path, rowType);
          std::vector<Smash::FindHint> hints(stable);
-         Reading & c = counts->r[r];
+         auto & c = counts->r[r];
          while (!counts->done) {
             for (uint64_t k = 0; k < stable; ++k, ++c.finds) {
                Row got;
@@ -165,7 +145,7 @@ TEST(SmashTable, ReadersFindAndScanEveryExistingRowWhileWritersRewriteStopAndDie
    counts->done = true;
    for (pid_t p : readers) EXPECT_EQ(exitCode(p), 0);
    stop(writer);
-   for (Reading const & c : counts->r) {
+   for (auto const & c : counts->r) {
       SCOPED_TRACE(std::to_string(c.finds) + " finds, " + std::to_string(c.scans) + " scans, " + std::to_string(stops) +
                    " stops, " + std::to_string(kills) + " kills");
       EXPECT_GT(c.finds, stable);
@@ -176,13 +156,26 @@ TEST(SmashTable, ReadersFindAndScanEveryExistingRowWhileWritersRewriteStopAndDie
    EXPECT_GT(counts->r[1].scans, 0u);
 }
 
-// The slots of a table another writer left (rows 0..99 of 64 bytes, at
-// 192 + 152 i: head word, value word, key, two copies), changed in place
-// as a writer stopped or killed in the middle leaves them.
+namespace {
+
+// A shadow's consumer: applies every reported key by looking it up (through
+// `look`) and keeping what it finds in `mine` (value by key, 0: absent).
+void follow(S & s, uint64_t * mine, std::function<Smash::Found(uint64_t, Row *)> look,
+            std::function<void()> meanwhile = [] {}) {
+   s.poll([&](uint64_t const & k) {
+      meanwhile();
+      Row got;
+      mine[k] = look(k, &got) == Smash::Found::row ? got.value : 0;
+   });
+}
+
+// The slots of a table another writer left (rows 0..99 of 64 bytes, value
+// key + 1, at 192 + 152 i: head word, value word, key, two copies), changed
+// in place as a writer stopped or killed in the middle leaves them.
 struct LeftTable {
    explicit LeftTable(std::string const & path) {
       W w(path, rowType, 256);
-      for (uint64_t k = 0; k < 100; ++k) w.put(row(k, k));
+      for (uint64_t k = 0; k < 100; ++k) w.put(row(k, k + 1));
       base = mapped(path, "g1", bytes);
    }
    ~LeftTable() { ::munmap(base, bytes); }
@@ -197,6 +190,8 @@ struct LeftTable {
    uint8_t * base;
 };
 
+} // namespace
+
 // A slot caught in the middle of being (re)assigned hides no other row and
 // ends no probe; a row whose value was being replaced reads whole; the
 // next writer drops the row in flight and shadows hear of it.
@@ -206,19 +201,10 @@ TEST(SmashTable, ASlotLeftMidChangeHidesNoOtherRowAndTheNextWriterDropsIt) {
    LeftTable t(path);
    R r(path, rowType);
    S s(path, rowType);
-   std::set<uint64_t> held;
-   auto follow = [&] {
-      s.poll([&](uint64_t const & k) {
-         Row got;
-         if (s.find(k, &got) == Smash::Found::row) {
-            held.insert(k);
-         } else {
-            held.erase(k);
-         }
-      });
-   };
-   follow();
-   EXPECT_EQ(held.size(), 100u);
+   uint64_t held[100] = {};
+   auto look = [&](uint64_t k, Row * got) { return s.find(k, got); };
+   follow(s, held, look);
+   EXPECT_EQ(std::count(held, held + 100, 0), 0);
    Row got;
    // Every other slot in flight, for each row in turn.
    for (uint64_t k = 0; k < 100; ++k) {
@@ -237,26 +223,15 @@ TEST(SmashTable, ASlotLeftMidChangeHidesNoOtherRowAndTheNextWriterDropsIt) {
    EXPECT_EQ(r.find(7, &got), Smash::Found::none);
    ASSERT_EQ(r.find(8, &got), Smash::Found::row);
    EXPECT_TRUE(whole(got, 8));
-   EXPECT_EQ(got.value, 8u);
+   EXPECT_EQ(got.value, 9u);
    W next(path, rowType);
    EXPECT_EQ(next.engine().repaired(), 1u);
    EXPECT_EQ(next.size(), 99u);
-   follow();
-   EXPECT_EQ(held.size(), 99u);
-   EXPECT_EQ(held.count(7), 0u);
+   follow(s, held, look);
+   EXPECT_EQ(std::count(held, held + 100, 0), 1);
+   EXPECT_EQ(held[7], 0u);
    ASSERT_EQ(r.find(8, &got), Smash::Found::row);
-   EXPECT_EQ(got.value, 8u);
-}
-
-// A shadow's consumer: applies every reported key by looking it up (through
-// `look`) and keeping what it finds in `mine` (value by key, 0: absent).
-void follow(S & s, uint64_t * mine, std::function<Smash::Found(uint64_t, Row *)> look,
-            std::function<void()> meanwhile = [] {}) {
-   s.poll([&](uint64_t const & k) {
-      meanwhile();
-      Row got;
-      mine[k] = look(k, &got) == Smash::Found::row ? got.value : 0;
-   });
+   EXPECT_EQ(got.value, 9u);
 }
 
 // A consumer that applies every reported key holds exactly the table after
@@ -406,13 +381,17 @@ int inChild(std::function<int()> body, uid_t uid = uid_t(-1)) {
    }));
 }
 
-std::string writerError(std::string const & path, Smash::TableShape const & shape = {rowType, 8, sizeof(Row)}) {
+// What `f` throws, "" when it does not.
+std::string errorOf(std::function<void()> f) {
    try {
-      Smash::TableWriter w(path, shape);
+      f();
    } catch (Smash::Error const & e) {
       return e.what();
    }
    return "";
+}
+std::string writerError(std::string const & path, Smash::TableShape const & shape = {rowType, 8, sizeof(Row)}) {
+   return errorOf([&] { Smash::TableWriter(path, shape); });
 }
 
 } // namespace
@@ -444,6 +423,18 @@ TEST(SmashTable, ObjectsThatCannotBeTrustedOrDoNotMatchAreRefusedWithTheReason) 
        {"a table of another row type", [&] { Smash::Writer<uint64_t, uint64_t>(path, "Test::Other"); },
         "table test/trust holds Test::Other, not Test::Row (8+64 bytes)",
         "table test/trust holds Test::Other, not Test::Row (8+64 bytes)"},
+       {"a control object of another format",
+        [&] {
+           table(0644);
+           mapped(path, "ctl", 96)[8] = 2;  // the version
+        },
+        "table test/trust: control object of another format", "table test/trust: control object of another format"},
+       {"a control object naming no generation (its writer died before making one)",
+        [&] {
+           table(0644);
+           reinterpret_cast<uint32_t *>(mapped(path, "ctl", 96))[5] = 0;
+        },
+        "table test/trust has no generation yet", ""},
        {"a generation whose header lies about its capacity (a writer starts afresh)",
         [&] {
            table(0644);
@@ -467,6 +458,8 @@ TEST(SmashTable, ObjectsThatCannotBeTrustedOrDoNotMatchAreRefusedWithTheReason) 
       // In a child: one that hangs fails.
       EXPECT_EQ(inChild([&] {
                    R r(path, rowType);
+                   Row got;
+                   if (!r.valid() && r.find(1, &got) != Smash::Found::none) return 2;
                    std::string err = writerError(path);
                    if (r.valid() == c.reader.empty() && (r.valid() || r.error() == c.reader) && err == c.writer) return 0;
                    std::printf("reader: %s\nwriter: %s\n", r.error().c_str(), err.c_str());
@@ -514,13 +507,26 @@ TEST(SmashTable, AFailedWriterGivesBackEverythingAndBoundsEnd) {
    EXPECT_EQ(writerError(path), "table test/fail already has a writer");
    // A table of at most 16 slots holds 8 rows.
    for (uint64_t k = 0; k < 8; ++k) w.put(row(k, k));
-   try {
-      w.put(row(8, 8));
-      ADD_FAILURE() << "a ninth row fitted";
-   } catch (Smash::Error const & e) {
-      EXPECT_STREQ(e.what(), "table test/fail is full: 8 rows, at most 8");
-   }
+   EXPECT_EQ(errorOf([&] { w.put(row(8, 8)); }), "table test/fail is full: 8 rows, at most 8");
    EXPECT_EQ(w.size(), 8u);
+   // After the last generation number comes 1; a writer taking over 120
+   // rows sizes its table for them.
+   std::string wrap = shm.table("test/wrap");
+   {
+      W first(wrap, rowType);
+      for (uint64_t k = 0; k < 120; ++k) first.put(row(k, k));
+   }
+   reinterpret_cast<uint32_t *>(mapped(wrap, "g1", 4096))[24] = 0xffffffff;  // the header's generation
+   reinterpret_cast<uint32_t *>(mapped(wrap, "ctl", 96))[5] = 0xffffffff;
+   ::rename(("/dev/shm" + Smash::objectName(wrap, "g1")).c_str(),
+            ("/dev/shm" + Smash::objectName(wrap, "g4294967295")).c_str());
+   {
+      W next(wrap, rowType, 16);
+      EXPECT_EQ(next.engine().generation(), 1u);
+      EXPECT_EQ(next.engine().capacity(), 512u);
+      Row got;
+      EXPECT_EQ(R(wrap, rowType).find(7, &got), Smash::Found::row);
+   }
    // Removing a table whose control names the last generation numbers ends.
    uint8_t * c = mapped(path, "ctl", 96);
    reinterpret_cast<uint32_t *>(c)[5] = 0xfffffffe;  // the generation
@@ -580,6 +586,8 @@ TEST(SmashTable, EachPathHasObjectsOfItsOwnOrNone) {
                                         " bytes long; at most 255 fit");
    R tooLong(longPath, rowType);
    EXPECT_FALSE(tooLong.valid());
+   Row got;
+   EXPECT_EQ(tooLong.find(1, &got), Smash::Found::none);
 }
 
 TEST(SmashTable, RowsOfEverySizeComeBackExactlyAndKeysDifferingInOneByteStayApart) {

@@ -131,23 +131,20 @@ template <size_t KeyBytes, size_t ValueBytes>
    copyWords<KeyBytes>(slotKey, hint.slot + slotKeyOffset);
    std::memcpy(k, key, KeyBytes);
    if (std::memcmp(slotKey, k, KeyBytes) != 0) return false;
-   for (int tries = 0; tries < 4; ++tries) {
-      uint64_t v1 = head[1].load(std::memory_order_acquire);
-      uint8_t const * from = hint.slot + hint.valueOffset + ((v1 >> 1) & 1) * hint.valueStride + offset;
-      if (save) {
-         copyWords<ValueBytes>(static_cast<uint8_t *>(value), static_cast<uint8_t *>(save),
-                               reinterpret_cast<std::atomic<uint64_t> const *>(from),
-                               std::make_index_sequence<(ValueBytes + 7) / 8>());
-      } else {
-         copyWords<ValueBytes>(value, from);
-      }
-      std::atomic_thread_fence(std::memory_order_acquire);
-      uint64_t v2 = head[1].load(std::memory_order_relaxed);
-      if (head[0].load(std::memory_order_relaxed) != hint.head) return false;
-      // The copy of version n is next written once the word is 2n + 3.
-      if (v2 - (v1 & ~uint64_t(1)) < 3) return true;
+   // One try: a copy that raced the writer goes the long way.
+   uint64_t v1 = head[1].load(std::memory_order_acquire);
+   uint8_t const * from = hint.slot + hint.valueOffset + ((v1 >> 1) & 1) * hint.valueStride + offset;
+   if (save) {
+      copyWords<ValueBytes>(static_cast<uint8_t *>(value), static_cast<uint8_t *>(save),
+                            reinterpret_cast<std::atomic<uint64_t> const *>(from),
+                            std::make_index_sequence<(ValueBytes + 7) / 8>());
+   } else {
+      copyWords<ValueBytes>(value, from);
    }
-   return false;
+   std::atomic_thread_fence(std::memory_order_acquire);
+   uint64_t v2 = head[1].load(std::memory_order_relaxed);
+   // The copy of version n is next written once the word is 2n + 3.
+   return head[0].load(std::memory_order_relaxed) == hint.head && v2 - (v1 & ~uint64_t(1)) < 3;
 }
 
 // The writer of one table.
