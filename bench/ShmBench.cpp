@@ -16,6 +16,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <random>
@@ -122,6 +123,77 @@ double tornReads() {
    std::printf("shm: %.1f million cell reads per second in one reader while another process writes, %lu torn\n",
                double(reads) / 0.5 / 1e6, (unsigned long)torn);
    return double(torn);
+}
+
+// A writer process rewriting 2,000 rows and adding and removing as many
+// others flat out (slots re-assigned, the table growing and shedding
+// tombstones) while this process finds and scans for `seconds`. Returns
+// (what went wrong, out of how many) for finds or for scans.
+std::pair<uint64_t, uint64_t> underChurn(bool scans, double seconds) {
+   constexpr uint64_t stable = 2000;
+   Prefix prefix;
+   char const * path = "bench/churn";
+   Smash::removeTable(path);
+   int ready[2];
+   if (::pipe(ready) != 0) return {0, 0};
+   pid_t pid = ::fork();
+   if (pid == 0) {
+      Smash::Writer<uint64_t, Row> w(path, "Bench::Row", 64);
+      Row r{};
+      for (r.key = 0; r.key < stable; ++r.key) w.put(r);
+      (void)!::write(ready[1], "r", 1);
+      std::mt19937_64 rng(5);
+      for (uint64_t i = 0;; ++i) {
+         r.key = i % stable;
+         r.counters[0] = i;
+         w.put(r);
+         r.key = stable + rng() % stable;
+         w.put(r);
+         w.remove(stable + rng() % stable);
+      }
+   }
+   char c;
+   (void)!::read(ready[0], &c, 1);
+   ::close(ready[0]);
+   ::close(ready[1]);
+   Smash::Reader<uint64_t, Row> reader(path, "Bench::Row");
+   uint64_t wrong = 0, total = 0;
+   uint64_t end = nowNs() + uint64_t(seconds * 1e9);
+   while (nowNs() < end) {
+      if (scans) {
+         std::vector<bool> seen(stable);
+         auto unreadable = reader.forEach([&](Row const & r) {
+            if (r.key < stable) seen[r.key] = true;
+         });
+         wrong += std::count(seen.begin(), seen.end(), false) > 0 || !unreadable.empty();
+         ++total;
+      } else {
+         for (uint64_t k = 0; k < stable; ++k, ++total) {
+            Row r;
+            wrong += reader.find(k, &r) != Smash::Found::row;
+         }
+      }
+   }
+   ::kill(pid, SIGKILL);
+   ::waitpid(pid, nullptr, 0);
+   Smash::removeTable(path);
+   return {wrong, total};
+}
+
+double unavailablePerMillion() {
+   auto [wrong, finds] = underChurn(false, 1.0);
+   std::printf("shm.table: %llu of %llu look-ups of existing rows answered unavailable or absent while a "
+               "writer rewrote, added and removed rows flat out\n",
+               (unsigned long long)wrong, (unsigned long long)finds);
+   return finds ? double(wrong) * 1e6 / double(finds) : 1e6;
+}
+
+double incompletePerMillion() {
+   auto [wrong, scans] = underChurn(true, 1.0);
+   std::printf("shm.scan: %llu of %llu scans of 2,000 rows present throughout left one out or could not "
+               "read one, while a writer rewrote, added and removed rows flat out\n",
+               (unsigned long long)wrong, (unsigned long long)scans);
+   return scans ? double(wrong) * 1e6 / double(scans) : 1e6;
 }
 
 // ---- a database server on loopback, for the way other stacks read counters ----
@@ -307,6 +379,8 @@ void registerShmBenches() {
           }
        });
    addFigure("smash.vs_db", "1000", &versusDatabase, Sense::AtLeast);
+   addFigure("shm.table.unavailable_per_million", "0", &unavailablePerMillion);
+   addFigure("shm.scan.incomplete_per_million", "0", &incompletePerMillion);
 }
 
 } // namespace IntfBench

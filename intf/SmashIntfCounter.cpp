@@ -35,8 +35,9 @@ void SmashIntfCounterDirDir::doGetIntfCounterDir(Zenet::IntfId intfId,
                                                  IntfCounterDirBase ** const & out) {
    *out = nullptr;
    auto t = table();
-   Smash::Interface::IntfCounter row;
-   if (!t || !t->counterFind(intfId, &row)) return;
+   Smash::RowBuffer<Smash::Interface::IntfCounter> row;
+   // An unavailable row exists: its directory is made.
+   if (!t || t->counterLookup(intfId, row.slot()) == Smash::Found::none) return;
    auto & d = dirs_[intfId];
    if (!d || d->current()->counterDir() != t) d = new SmashIntfCounterDir(intfId, t);
    *out = d.ptr();

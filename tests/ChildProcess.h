@@ -15,12 +15,14 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -128,6 +130,28 @@ struct Reap {
       ::kill(pid, SIGKILL);
       ::waitpid(pid, nullptr, 0);
    }
+};
+
+// A forked child running `body`, which ends it with the body's result.
+inline pid_t spawn(std::function<int()> body) {
+   pid_t pid = ::fork();
+   if (pid == 0) ::_exit(body());
+   return pid;
+}
+// Its exit code, or 100 + the signal that ended it.
+inline int exitCode(pid_t pid) {
+   int st = 0;
+   ::waitpid(pid, &st, 0);
+   return WIFEXITED(st) ? WEXITSTATUS(st) : 100 + WTERMSIG(st);
+}
+inline void stop(pid_t pid) { Reap{pid}; }
+
+// Memory a test shares with the children it forks: a flag to stop, counts.
+template <class T>
+struct Shared {
+   T * p = new (::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)) T();
+   ~Shared() { ::munmap(p, sizeof(T)); }
+   T * operator->() const { return p; }
 };
 
 // A TCP port that was free a moment ago.

@@ -68,6 +68,16 @@ TEST(ShowFormat, CountersShowInputAndOutputTablesAndMarkAbsentCounters) {
    EXPECT_EQ(t.find("Ethernet2"), std::string::npos) << t;  // no counters: not listed
    // Out octets were never given: shown as absent, not as zero.
    EXPECT_NE(t.find("Ethernet10          -             7"), std::string::npos) << t;
+   // Values that are the last ones read are marked, in every form.
+   auto r = rows();
+   r[0].countersStale = true;
+   for (auto [shown, piece] : {std::pair<std::string, char const *>{countersTable(r), "Ethernet10*"},
+                               {ratesTable(r), "* last values read: the counters cannot be read just now\n"},
+                               {interfaceDetail(r[0], 0), "  Counters: the last values read; they cannot be read just now\n"},
+                               {toJson(r), "\"stale\": true"}}) {
+      EXPECT_NE(shown.find(piece), std::string::npos) << shown;
+   }
+   EXPECT_EQ(t.find("*"), std::string::npos);
 }
 
 TEST(ShowFormat, JsonCarriesEveryFieldWithEscapedStrings) {

@@ -17,6 +17,14 @@ void sortRows(std::vector<IntfView> & rows) {
 }
 
 std::string name(IntfView const & v) { return v.intfId.stringValue().str(); }
+// In the counter tables, with a mark when the values are the last ones read.
+std::string counterName(IntfView const & v) { return name(v) + (v.countersStale ? "*" : ""); }
+std::string staleNote(std::vector<IntfView> const & rows) {
+   for (auto const & v : rows) {
+      if (v.hasCounters && v.countersStale) return "* last values read: the counters cannot be read just now\n";
+   }
+   return "";
+}
 
 // Left-aligned columns: widths from the header and the longest cell.
 struct Table {
@@ -104,14 +112,14 @@ std::string countersTable(std::vector<IntfView> rows) {
    for (auto const & v : rows) {
       if (!v.hasCounters) continue;
       auto const & s = v.stats;
-      in.cells.push_back({name(v), std::to_string(s.inOctets()), std::to_string(s.inUcastPkts()),
+      in.cells.push_back({counterName(v), std::to_string(s.inOctets()), std::to_string(s.inUcastPkts()),
                           std::to_string(s.inMulticastPkts()), std::to_string(s.inBroadcastPkts()),
                           std::to_string(s.inDiscards()), std::to_string(s.inErrors())});
-      out.cells.push_back({name(v), maybe(s.outOctets()), std::to_string(s.outUcastPkts()),
+      out.cells.push_back({counterName(v), maybe(s.outOctets()), std::to_string(s.outUcastPkts()),
                            std::to_string(s.outMulticastPkts()), std::to_string(s.outBroadcastPkts()),
                            maybe(s.outDiscards()), std::to_string(s.outErrors())});
    }
-   return in.render() + "\n" + out.render();
+   return in.render() + "\n" + out.render() + staleNote(rows);
 }
 
 std::string ratesTable(std::vector<IntfView> rows) {
@@ -121,12 +129,12 @@ std::string ratesTable(std::vector<IntfView> rows) {
    for (auto const & v : rows) {
       if (!v.hasCounters) continue;
       auto const & r = v.rates;
-      t.cells.push_back({name(v), interval(v.loadInterval), fixed(r.inBitsRate() / 1e6, 1),
+      t.cells.push_back({counterName(v), interval(v.loadInterval), fixed(r.inBitsRate() / 1e6, 1),
                          percent(r.inBitsRate(), v.speedBps), fixed(r.inPktsRate() / 1e3, 1),
                          fixed(r.outBitsRate() / 1e6, 1), percent(r.outBitsRate(), v.speedBps),
                          fixed(r.outPktsRate() / 1e3, 1)});
    }
-   return t.render();
+   return t.render() + staleNote(rows);
 }
 
 std::string interfaceDetail(IntfView const & v, double now) {
@@ -143,6 +151,7 @@ std::string interfaceDetail(IntfView const & v, double now) {
            "\n";
    }
    if (!v.hasCounters) return o + "  No counters\n";
+   if (v.countersStale) o += "  Counters: the last values read; they cannot be read just now\n";
    auto const & s = v.stats;
    auto const & r = v.rates;
    o += "  " + interval(v.loadInterval) + " input rate " + fixed(r.inBitsRate() / 1e6, 1) +
@@ -221,7 +230,8 @@ std::string toJson(std::vector<IntfView> rows) {
               ", \"outBroadcastPkts\": " + std::to_string(s.outBroadcastPkts()) +
               ", \"outDiscards\": " + maybe(s.outDiscards()) +
               ", \"outErrors\": " + std::to_string(s.outErrors()) +
-              ", \"lastUpdate\": " + jsonNumber(s.lastUpdate()) + "}";
+              ", \"lastUpdate\": " + jsonNumber(s.lastUpdate()) +
+              ", \"stale\": " + (v.countersStale ? "true" : "false") + "}";
          o += ", \"rates\": {\"loadInterval\": " + jsonNumber(v.loadInterval) +
               ", \"inBitsRate\": " + jsonNumber(r.inBitsRate()) +
               ", \"inPktsRate\": " + jsonNumber(r.inPktsRate()) +

@@ -25,6 +25,9 @@ struct IntfView {
    uint32_t maxMtu = 0;
    uint64_t speedBps = 0;      // 0 when unknown
    bool hasCounters = false;
+   // The counter row could not be read just now: stats and rates are the
+   // last values read, shown marked rather than as zeros.
+   bool countersStale = false;
    Interface::IntfStatistics stats;
    Interface::IntfRates rates;
    double loadInterval = 300;  // seconds the rates average over

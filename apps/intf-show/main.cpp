@@ -156,8 +156,13 @@ std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::P
       }
       if (auto c = s->counter()) {
          v.hasCounters = true;
-         v.stats = c->statistics();
-         v.rates = c->rates();
+         if (auto const * row = dynamic_cast<Interface::SmashIntfCounter const *>(c.ptr())) {
+            row->counters(&v.stats, &v.rates);
+            v.countersStale = !row->available();
+         } else {
+            v.stats = c->statistics();
+            v.rates = c->rates();
+         }
       }
       rows.push_back(std::move(v));
    }

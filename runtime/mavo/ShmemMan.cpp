@@ -2,13 +2,8 @@
 #include <Brik/ShmemCounter.h>
 #include <Mavo/ShmemMan.h>
 
-#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
 
 namespace Mavo {
 
@@ -47,7 +42,11 @@ ShmemMan::~ShmemMan() = default;
 
 void ShmemMan::remove(std::string const & path) {
    Smash::removeTable(path + "/index");
-   for (uint32_t n = 0; n < 64; ++n) ::shm_unlink(Smash::objectName(path, "seg" + std::to_string(n)).c_str());
+   try {
+      Smash::removeObjectsOf(path);
+   } catch (Smash::Error const &) {
+      // a path too long for a name has no objects
+   }
 }
 
 uint32_t ShmemMan::cells() const { return writer_ ? writer_->size() : 0; }
@@ -56,22 +55,15 @@ uint8_t * ShmemMan::segment(uint32_t n, bool create) {
    if (n < segments_.size() && segments_[n]) return segments_[n]->base;
    std::string name = Smash::objectName(path_, "seg" + std::to_string(n));
    size_t bytes = size_t(cellsPerSegment) * cellBytes_;
-   int fd = create ? ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)
-                   : ::shm_open(name.c_str(), O_RDONLY | O_CLOEXEC, 0);
-   if (fd < 0) return nullptr;
-   struct stat st;
-   if (::fstat(fd, &st) != 0) {
-      ::close(fd);
+   // A writer makes its segments, or takes over its own; a reader takes
+   // only a segment it can trust, and never one smaller than its cells.
+   Smash::ShmFile f = create ? Smash::createObject(name, bytes, true) : Smash::openForReading(name);
+   if (!f || f.size < bytes) {
+      if (f) ::close(f.fd);
       return nullptr;
    }
-   if (size_t(st.st_size) < bytes) {
-      if (!create || ::ftruncate(fd, off_t(bytes)) != 0) {
-         ::close(fd);
-         return nullptr;  // a reader never trusts a segment smaller than its cells
-      }
-   }
-   void * p = ::mmap(nullptr, bytes, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-   ::close(fd);
+   void * p = ::mmap(nullptr, bytes, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, f.fd, 0);
+   ::close(f.fd);
    if (p == MAP_FAILED) return nullptr;
    if (segments_.size() <= n) segments_.resize(n + 1);
    segments_[n] = std::make_unique<Segment>();
@@ -98,7 +90,11 @@ uint64_t ShmemMan::counterAddr(Kel::String8 const & key, uint32_t size, bool for
    if (row.cellBytes != cellBytes_ || row.cell >= 64u * cellsPerSegment) return 0;
    uint8_t * base = segment(row.cell / cellsPerSegment, writer_ != nullptr);
    if (!base) return 0;
-   uint64_t addr = uint64_t(reinterpret_cast<uintptr_t>(base + size_t(row.cell % cellsPerSegment) * cellBytes_));
+   uint8_t * cell = base + size_t(row.cell % cellsPerSegment) * cellBytes_;
+   // A writer killed between its two copies left them disagreeing: make
+   // them agree before this writer's first write to the cell.
+   if (writer_ && cellBytes_ == Brik::ShmemCell::bytes) Brik::reconcileCell(cell);
+   uint64_t addr = uint64_t(reinterpret_cast<uintptr_t>(cell));
    cache_.emplace(key.str(), addr);
    return addr;
 }

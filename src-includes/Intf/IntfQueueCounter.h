@@ -52,6 +52,9 @@ class IntfQueueStatistics : public Kel::Entity {
       if (uint64_t a = Brik::cachedCellAddr(shmemAddr_, counterGenId_)) return a;
       return counterAddrLookup(forRead);
    }
+   // Where the cell was and the generation last seen, for the reader's
+   // one-load check (Brik::shmemCounterVal).
+   std::pair<uint64_t, uint32_t> cachedCell() const { return {shmemAddr_, counterGenId_}; }
 
  private:
    uint64_t counterAddrLookup(bool forRead) const;
@@ -77,6 +80,7 @@ class IntfQueueCounter : public Kel::Entity {
       if (uint64_t a = Brik::cachedCellAddr(shmemAddr_, counterGenId_)) return a;
       return counterAddrLookup(forRead);
    }
+   std::pair<uint64_t, uint32_t> cachedCell() const { return {shmemAddr_, counterGenId_}; }
 
  private:
    // Past the cached address: the manager's look-up.

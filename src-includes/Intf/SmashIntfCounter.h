@@ -1,17 +1,63 @@
 // Adapters that present a row of a shared-memory counter table as the
 // model's counter entity, so that whoever holds an IntfCounter (or
 // IntfAclDrops) reads the same way wherever the counters are kept. Every
-// read looks the row up afresh (the adapter caches nothing); with no table
-// directory, or no row, the counters read 0.
+// read looks the row up afresh, starting at the slot where it was found
+// last time; with no table directory, or no row, the counters read 0.
+//
+// A row the engine cannot read whole ("unavailable": its writer rewrote it
+// faster than it could be copied, again and again) never reads as zeros:
+// the adapter answers with the last row it read whole and available() says
+// false until a read succeeds again.
 #pragma once
 
 #include <Intf/IntfCounter.h>
 #include <Intf/SmashIntf.h>
 
+#include <cstring>
 #include <map>
 #include <string>
 
 namespace Interface {
+
+// The last value of one field read whole, in the other of two buffers: a
+// read writes the field to its caller and to the free buffer in one pass,
+// so a read that fails overwrites nothing still needed.
+template <class T>
+struct KeptField {
+   T value[2];
+   int cur = -1;  // none
+};
+
+// One table row read again and again, a field at a time: from the row's
+// slot of the last look-up (a FindHint) while it still holds the row, else
+// by a look-up. A row the engine cannot read gives the field's kept value.
+template <class Row>
+class RowReading {
+ public:
+   // The field of type T at `offset` of the row, into *out: T() without a
+   // row, the kept value when the row is unavailable (then false).
+   template <class T, class Dir>
+   bool read(Dir const & dir, Zenet::IntfId id, size_t offset, KeptField<T> & kept, T * out) {
+      T & next = kept.value[kept.cur == 0];
+      if (Smash::findHinted<sizeof(id), sizeof(T)>(hint_, &id, out, offset, &next)) {
+         kept.cur = kept.cur == 0;
+         return true;
+      }
+      Smash::RowBuffer<Row> row;
+      Smash::Found f = dir->counterLookup(id, row.slot(), &hint_);
+      if (f == Smash::Found::row) {
+         std::memcpy(static_cast<void *>(&next), reinterpret_cast<char const *>(row.slot()) + offset, sizeof(T));
+         kept.cur = kept.cur == 0;
+      } else if (f == Smash::Found::none) {
+         kept.cur = -1;
+      }
+      *out = kept.cur < 0 ? T() : kept.value[kept.cur];
+      return f != Smash::Found::unavailable;
+   }
+
+ private:
+   Smash::FindHint hint_;
+};
 
 #define KEL_ATTRS_SmashIntfCounter(X) X(Ctor, intfId, IntfId, Zenet::IntfId)
 class SmashIntfCounter : public IntfCounter {
@@ -28,19 +74,39 @@ class SmashIntfCounter : public IntfCounter {
    DirPtr const & counterDir() const { return dir_; }
 
    IntfStatistics statistics() const override {
-      Row b;
-      return find(b) ? b.row().statistics() : IntfStatistics();
+      IntfStatistics s;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId), statistics_, &s) : true;
+      return s;
    }
    IntfRates rates() const override {
-      Row b;
-      return find(b) ? b.row().rates() : IntfRates();
+      IntfRates r;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId) + sizeof(IntfStatistics), rates_, &r) : true;
+      return r;
    }
+   // Statistics and rates of the same moment, in one look-up.
+   void counters(IntfStatistics * statistics, IntfRates * rates) const {
+      Both b;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId), both_, &b) : true;
+      *statistics = b.statistics;
+      *rates = b.rates;
+   }
+   // False when the last read found the row unavailable (and gave the last
+   // values read whole).
+   bool available() const { return available_; }
 
  private:
-   using Row = Smash::RowBuffer<Smash::Interface::IntfCounter>;
-   // This interface's row, read afresh; false without a directory or a row.
-   bool find(Row & b) const { return dir_ && dir_->counterFind(intfId_, b.slot()); }
+   struct Both {
+      IntfStatistics statistics;
+      IntfRates rates;
+   };
+   static_assert(sizeof(Smash::Interface::IntfCounter) == sizeof(Zenet::IntfId) + sizeof(Both),
+                 "the row is its key, its statistics and its rates, in that order");
    DirPtr dir_;
+   mutable RowReading<Smash::Interface::IntfCounter> reading_;
+   mutable KeptField<IntfStatistics> statistics_;
+   mutable KeptField<IntfRates> rates_;
+   mutable KeptField<Both> both_;
+   mutable bool available_ = true;
 };
 KEL_FACTORY(smashIntfCounterFactory, SmashIntfCounter);
 
@@ -57,13 +123,18 @@ class SmashAclDropCounter : public IntfAclDrops {
    DirPtr const & counterDir() const { return dir_; }
 
    uint64_t inAclDrops() const override {
-      Smash::RowBuffer<Smash::Interface::DropCounter> b;
-      if (dir_ && dir_->counterFind(intfId_, b.slot())) return b.row().inAclDrops();
-      return 0;
+      uint64_t drops = 0;
+      available_ = dir_ ? reading_.read(dir_, intfId_, sizeof(Zenet::IntfId), drops_, &drops) : true;
+      return drops;
    }
+   bool available() const { return available_; }
 
  private:
+   static_assert(sizeof(Smash::Interface::DropCounter) == sizeof(Zenet::IntfId) + sizeof(uint64_t));
    DirPtr dir_;
+   mutable RowReading<Smash::Interface::DropCounter> reading_;
+   mutable KeptField<uint64_t> drops_;
+   mutable bool available_ = true;
 };
 KEL_FACTORY(smashAclDropCounterFactory, SmashAclDropCounter);
 

@@ -47,6 +47,23 @@ inline std::atomic<uint32_t> * cellWord(uint8_t * cell, uint32_t offset) {
    return reinterpret_cast<std::atomic<uint32_t> *>(cell + offset);
 }
 static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
+static_assert(ShmemCell::seqOffset == ShmemCell::genIdOffset + 4 && ShmemCell::bytes % 8 == 0,
+              "the generation id and the sequence word are one aligned 64-bit word");
+
+// Makes the copy readers are not using equal to the one they use. A writer
+// killed between its two copies leaves them disagreeing, and the next
+// writer's first flip would take readers back to older values of every
+// counter it did not write itself: a writer that starts reconciles each
+// cell before its first write to it. Readers are undisturbed: only the copy
+// the sequence word does not name is written.
+inline void reconcileCell(uint8_t * cell) {
+   uint32_t k = cellWord(cell, ShmemCell::seqOffset)->load(std::memory_order_acquire) & 1;
+   for (uint32_t o = 0; o < ShmemCell::copyBytes; o += 4) {
+      uint32_t v = cellWord(cell, ShmemCell::copyOffset[k] + o)->load(std::memory_order_relaxed);
+      cellWord(cell, ShmemCell::copyOffset[1 - k] + o)->store(v, std::memory_order_relaxed);
+   }
+   std::atomic_thread_fence(std::memory_order_release);
+}
 
 // `addr` when the cell there still carries `genId`, the generation its
 // holder last saw, else 0 (the holder must look the cell up again): the
@@ -58,9 +75,14 @@ inline uint64_t cachedCellAddr(uint64_t addr, uint32_t genId) {
    return g != 0 && g == genId ? addr : 0;
 }
 
+// The counter at slot `s` of copy `k` of a cell.
+inline uint8_t const * slotOf(uint8_t const * cell, uint32_t k, uint32_t s) {
+   return cell + s + (k ? ShmemCell::copyOffset[1] : ShmemCell::copyOffset[0]);
+}
+
 // The counter at slot `s` of the cell `counter` locates, or 0 without one.
 template <class T, class V = unsigned long long>
-V shmemCounterVal(T const * counter, uint32_t s) {
+V shmemCounterValLookup(T const * counter, uint32_t s) {
    uint64_t addr = counter->counterAddr(true);
    if (!addr) return 0;
    auto * cell = reinterpret_cast<uint8_t *>(uintptr_t(addr));
@@ -68,10 +90,35 @@ V shmemCounterVal(T const * counter, uint32_t s) {
    for (;;) {
       uint32_t w = seq->load(std::memory_order_acquire);
       V v;
-      std::memcpy(&v, cell + ShmemCell::copyOffset[w & 1] + s, sizeof v);
+      std::memcpy(&v, slotOf(cell, w & 1, s), sizeof v);
       std::atomic_thread_fence(std::memory_order_acquire);
       if (seq->load(std::memory_order_relaxed) == w) return v;
    }
+}
+
+// The same; an entity that says where its cell was and which generation it
+// saw (cachedCell()) is read in line, with its generation check and the
+// sequence word in one load (they are adjacent words of the cell); any
+// doubt goes the long way, through counterAddr().
+template <class T, class V = unsigned long long>
+[[gnu::always_inline]] inline V shmemCounterVal(T const * counter, uint32_t s) {
+   if constexpr (requires { counter->cachedCell(); }) {
+      auto [cached, genId] = counter->cachedCell();
+      if (cached) {
+         auto * cell = reinterpret_cast<uint8_t *>(uintptr_t(cached));
+         uint64_t both = reinterpret_cast<std::atomic<uint64_t> const *>(cell)->load(std::memory_order_acquire);
+         uint32_t words[2];  // generation id, sequence word
+         std::memcpy(words, &both, sizeof words);
+         V v;
+         std::memcpy(&v, slotOf(cell, words[1] & 1, s), sizeof v);
+         std::atomic_thread_fence(std::memory_order_acquire);
+         if (words[0] != 0 && words[0] == genId &&
+             reinterpret_cast<std::atomic<uint64_t> const *>(cell)->load(std::memory_order_relaxed) == both) {
+            return v;
+         }
+      }
+   }
+   return shmemCounterValLookup<T, V>(counter, s);
 }
 
 // Stores the counter at slot `s`; without a cell the value is dropped.

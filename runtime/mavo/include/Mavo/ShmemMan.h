@@ -7,7 +7,10 @@
 // mount path P: the key index "P/index" (a Smash table from key to cell
 // number) and the cell segments "P/seg<N>", each holding cellsPerSegment
 // cells. Cells are never moved or freed while the manager's objects exist,
-// so an address stays valid for the life of the mapping.
+// so an address stays valid for the life of the mapping. A writer makes
+// each 208-byte counter cell's two copies agree when it first hands the
+// cell out (a writer killed between them leaves them apart), so readers
+// never see a counter go back after a writer restarts.
 #pragma once
 
 #include <Kel/String8.h>

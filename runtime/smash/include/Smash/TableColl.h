@@ -5,8 +5,13 @@
 //      X(Table, counter, Counter, Zenet::IntfId, Smash::Interface::IntfCounter)
 //
 // gives the directory, for a row type with a `key` field:
-//   counter(key)              the row (a zero row with that key when there is none)
-//   counterFind(key, &row)    false when there is none
+//   counter(key)              the row (a zero row with that key when there is none;
+//                             throws Smash::Error when the row is unavailable)
+//   counterFind(key, &row)    false when there is none (or it is unavailable)
+//   counterLookup(key, &row, hint)
+//                             Smash::Found: row, none or unavailable (see
+//                             Smash/Table.h); a caller reading one key again
+//                             and again keeps a Smash::FindHint
 //   counterIs(row), newCounter(row)
 //                             writer: stores the row where readers find it at once
 //   counterDel(key), counterDelAll()
@@ -19,6 +24,8 @@
 //                             (the first poll, and one after falling behind,
 //                             reports every row)
 //   counterSize(), counterForEach(fn)
+//                             a scan visits every row present throughout and
+//                             returns the keys of rows it could not read
 //   counterOpen(role, path, capacity)
 //                             chooses the role once, before the first use; without
 //                             it the table is opened as a reader. Without a path,
@@ -71,9 +78,8 @@ class TableColl {
       opened_ = true;
    }
 
-   bool find(Key const & k, Row * r) const {
-      Found f = w_ ? w_->find(k, r) : r_ ? r_->find(k, r) : s_ ? s_->find(k, r) : Found::none;
-      return f == Found::row;
+   Found find(Key const & k, Row * r, FindHint * hint = nullptr) const {
+      return w_ ? w_->find(k, r) : r_ ? r_->find(k, r, hint) : s_ ? s_->find(k, r, hint) : Found::none;
    }
    void put(Row const & r) {
       Key k = r.key();
@@ -100,16 +106,18 @@ class TableColl {
    size_t poll(F && changed) {
       return s_ ? s_->poll(changed) : 0;
    }
+   // Every row present throughout the scan; returns the keys it could not read.
    template <class F>
-   void forEach(F && fn) const {
+   std::vector<Key> forEach(F && fn) const {
       auto each = [&](void const *, void const * v) {
          Row row;
          std::memcpy(static_cast<void *>(&row), v, sizeof row);
          fn(row);
       };
       if (w_) w_->engine().forEach(each);
-      else if (r_) r_->engine().forEach(each);
-      else if (s_) s_->engine().forEach(each);
+      if (r_) return keysOf<Key>(r_->engine().forEach(each));
+      if (s_) return keysOf<Key>(s_->engine().forEach(each));
+      return {};
    }
    uint32_t size() const {
       uint32_t n = 0;
@@ -178,10 +186,20 @@ class TableColl {
       if (!name##_.opened()) name##Open(::Smash::Role::reader);                       \
       return name##_;                                                                 \
    }                                                                                  \
-   bool name##Find(Key const & k, Row * r) const { return name##Table().find(k, r); } \
+   bool name##Find(Key const & k, Row * r) const {                                    \
+      return name##Table().find(k, r) == ::Smash::Found::row;                         \
+   }                                                                                  \
+   ::Smash::Found name##Lookup(Key const & k, Row * r, ::Smash::FindHint * hint = nullptr) const { \
+      return name##Table().find(k, r, hint);                                          \
+   }                                                                                  \
    Row name(Key const & k) const {                                                    \
       Row r;                                                                          \
-      if (!name##Table().find(k, &r)) {                                               \
+      ::Smash::Found f = name##Table().find(k, &r);                                   \
+      if (f == ::Smash::Found::unavailable) {                                         \
+         throw ::Smash::Error("row " + ::Kel::valueToStrep(k).str() + " of table " +  \
+                              name##Table().path() + " is unavailable");              \
+      }                                                                               \
+      if (f == ::Smash::Found::none) {                                                \
          r = Row();                                                                   \
          r.keyIs(k);                                                                  \
       }                                                                               \
@@ -217,6 +235,6 @@ class TableColl {
    }                                                                                  \
    uint32_t name##Size() const { return name##Table().size(); }                       \
    template <class F>                                                                 \
-   void name##ForEach(F && fn) const {                                                \
-      name##Table().forEach(fn);                                                      \
+   std::vector<Key> name##ForEach(F && fn) const {                                    \
+      return name##Table().forEach(fn);                                               \
    }
