@@ -49,6 +49,8 @@ TEST(ConfigApply, AFileBecomesExactlyItsSettingsAndAReloadOnlyItsEdits) {
    ASSERT_TRUE(e2);
    EXPECT_EQ(e2->adminEnabledStateLocal(), IntfEnabledState::enabled);
    EXPECT_EQ(e2->mtu(), 1500u);
+   EXPECT_TRUE(IntfApp::setsMtu(*e1));
+   EXPECT_FALSE(IntfApp::setsMtu(*e2));  // the device keeps its MTU
    EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet2"))->netNsName().name(), "blue");
    EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet1"))->netNsName().name(), "default");
 
@@ -72,9 +74,11 @@ TEST(ConfigApply, AFileBecomesExactlyItsSettingsAndAReloadOnlyItsEdits) {
    EXPECT_EQ(t.intfs->intfConfig(IntfId("Ethernet1")), e1);  // the same entity, changed
    EXPECT_EQ(e1->adminEnabledStateLocal(), IntfEnabledState::unknownEnabledState);
    EXPECT_EQ(e1->mtu(), 1500u);
+   EXPECT_FALSE(IntfApp::setsMtu(*e1));
    EXPECT_FALSE(t.intfs->intfConfig(IntfId("Ethernet2")));
    EXPECT_FALSE(t.namespaces->intfNamespaceConfig(IntfId("Ethernet2")));
    EXPECT_EQ(t.intfs->intfConfig(IntfId("Ethernet3"))->mtu(), 1400u);
+   EXPECT_TRUE(IntfApp::setsMtu(*t.intfs->intfConfig(IntfId("Ethernet3"))));
    EXPECT_EQ(t.global->loadInterval(), LoadInterval());
    EXPECT_EQ(heard->calls, 2);  // Ethernet2 removed, Ethernet3 added
 }

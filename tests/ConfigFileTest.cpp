@@ -31,7 +31,7 @@ TEST(ConfigFile, EverySettingOfAFullFileIsRead) {
       "Ethernet1 admin=up mtu=9000 load-interval=30 description=\"uplink \\\"spine\\\" #1\" "
       "netns=blue device=eth0\r\n"
       "  Loopback0\tadmin=down load-interval=default\n"
-      "Ethernet3/1.100 mtu=68",
+      "Ethernet3/1.100 mtu=2147483647",
       "intf.conf");
    ASSERT_TRUE(cfg.global.loadInterval);
    EXPECT_EQ(*cfg.global.loadInterval, Interface::LoadInterval(false, 60));
@@ -58,7 +58,7 @@ TEST(ConfigFile, EverySettingOfAFullFileIsRead) {
    EXPECT_FALSE(lo->description);
 
    EXPECT_EQ(cfg.intfs[2].intfId, IntfId("Ethernet3/1.100"));
-   EXPECT_EQ(cfg.intfs[2].mtu, 68u);
+   EXPECT_EQ(cfg.intfs[2].mtu, 2147483647u);  // lo takes more than 65535
    EXPECT_FALSE(cfg.intfs[2].adminUp);
 }
 
@@ -77,10 +77,10 @@ TEST(ConfigFile, ABadLineIsNamedWithItsReason) {
    };
    Case const cases[] = {
       {"Ethernet1 admin=off", "intf.conf:1: admin must be up or down, not \"off\""},
-      {"Ethernet1 mtu=67", "intf.conf:1: mtu must be 68 to 65535, not \"67\""},
-      {"Ethernet1 mtu=65536", "intf.conf:1: mtu must be 68 to 65535, not \"65536\""},
-      {"Ethernet1 mtu=9k", "intf.conf:1: mtu must be 68 to 65535, not \"9k\""},
-      {"Ethernet1 mtu=-1", "intf.conf:1: mtu must be 68 to 65535, not \"-1\""},
+      {"Ethernet1 mtu=0", "intf.conf:1: mtu must be 1 to 2147483647, not \"0\""},
+      {"Ethernet1 mtu=2147483648", "intf.conf:1: mtu must be 1 to 2147483647, not \"2147483648\""},
+      {"Ethernet1 mtu=9k", "intf.conf:1: mtu must be 1 to 2147483647, not \"9k\""},
+      {"Ethernet1 mtu=-1", "intf.conf:1: mtu must be 1 to 2147483647, not \"-1\""},
       {"Ethernet1 mtu=", "intf.conf:1: no value for mtu"},
       {"Ethernet1 mtu", "intf.conf:1: expected key=value, found \"mtu\""},
       {"Ethernet1 mtu==9000", "intf.conf:1: no value for mtu"},
@@ -149,7 +149,7 @@ TEST(ConfigFile, AFileThatCannotBeReadIsNamed) {
       IntfApp::readConfigFile("/nonexistent/intf.conf");
       FAIL() << "accepted";
    } catch (ConfigError const & e) {
-      EXPECT_STREQ(e.what(), "/nonexistent/intf.conf:0: cannot be read");
+      EXPECT_STREQ(e.what(), "/nonexistent/intf.conf:0: cannot be read: No such file or directory");
       EXPECT_EQ(e.line(), 0u);
    }
 }

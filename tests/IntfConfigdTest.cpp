@@ -110,7 +110,7 @@ TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) 
    // A bad edit (its second line) that would also change line 1: reported
    // with the line, and not one attribute moves.
    uint32_t e1Count = e1->modificationCount(), dirCount = t.intfs->modificationCount();
-   writeFile(cfg, "Ethernet1 mtu=2000\nEthernet3 mtu=70000\n");
+   writeFile(cfg, "Ethernet1 mtu=2000\nEthernet3 mtu=0\n");
    ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays(cfg + ":2: "); }, 5000)) << agent.stderr_.text;
    agent.loop.runUntil([] { return false; }, 200);  // room for anything that would wrongly follow
    EXPECT_EQ(e1->mtu(), 1400u);
@@ -151,7 +151,7 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
        good + ": 2 interfaces (1 admin up, 0 admin down, 1 admin unset), 1 outside the default namespace\n"
               "global load-interval=default link-status-logging=on\n"
               "Ethernet1 admin=up mtu=9000 load-interval=default netns=default\n"
-              "Ethernet2 admin=unset mtu=1500 load-interval=default netns=blue description=\"a \\\"b\\\"\"\n",
+              "Ethernet2 admin=unset mtu=unset load-interval=default netns=blue description=\"a \\\"b\\\"\"\n",
        ""},
       {{"--once", "--config", bad}, 1, false, "", bad + ":3: "},
       {{"--config=" + missing, "--once"}, 1, false, "", missing + ":0: "},

@@ -7,6 +7,7 @@
 // connection and nothing else.
 #include <Kel/Agent.h>
 #include <Kel/Dir.h>
+#include <Kel/Log.h>
 #include <Kel/Stream.h>
 
 #include "ChildProcess.h"
@@ -675,7 +676,7 @@ TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) 
    EXPECT_TRUE(client.synced());
 }
 
-TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestWhy) {
+TEST(ReplicationPeers, AFullServerLetsANewPeerInPlaceOfTheOldestIdleOneAndRefusesOnlyWhenAllAreMounted) {
    auto tree = makeTree(2);
    std::string name = "intf-peers-many-" + std::to_string(::getpid());
    ConnectionLimits limits;
@@ -683,6 +684,9 @@ TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestW
    ActivityLoop loop;
    Log::Server server(loop, "@" + name, tree, "w", limits);
    ASSERT_TRUE(server.valid()) << server.error();
+   auto log = std::make_shared<Kel::CapturingLogSink>();
+   Kel::logSinkIs(log);
+   Kel::logClockIs(nullptr);  // a fresh rate-limit window
    Fds peers;
    for (int i = 0; i < 6; ++i) {
       peers.fd.push_back(idlePeer(name));
@@ -693,18 +697,38 @@ TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestW
    for (int i = 0; i < 6; ++i) {
       std::string got = drain(peers.fd[i]);
       if (i < 3) {
-         EXPECT_EQ(got, "(open)") << i;
+         EXPECT_NE(got.find("closed for a newer connection: more than 3 connections"), std::string::npos)
+               << i << ": " << got;
       } else {
-         EXPECT_NE(got.find("more than 3 connections"), std::string::npos) << i << ": " << got;
+         EXPECT_EQ(got, "(open)") << i;
       }
    }
-   // One of the held connections goes: a new peer is served in its place.
-   ::close(peers.fd[0]);
-   peers.fd[0] = -1;
-   loop.runUntil([&] { return server.connections() == 2; }, 5000);
-   Log::Client client(loop, "@" + name, "served");
-   loop.runUntil([&] { return client.synced() || !client.lastClose().empty(); }, 5000);
-   EXPECT_TRUE(client.synced()) << client.lastClose();
+   // Readers that mount take the idle peers' places; once every connection
+   // is mounted, a newcomer is the one refused.
+   std::vector<std::unique_ptr<Log::Client>> readers;
+   for (int i = 0; i < 3; ++i) {
+      readers.push_back(std::make_unique<Log::Client>(loop, "@" + name, "served"));
+      loop.runUntil([&] { return readers.back()->synced() || !readers.back()->lastClose().empty(); }, 5000);
+      EXPECT_TRUE(readers.back()->synced()) << readers.back()->lastClose();
+   }
+   int late = idlePeer(name);
+   peers.fd.push_back(late);
+   std::string told;
+   loop.runUntil([&] {
+      char buf[512];
+      ssize_t n;
+      while ((n = ::recv(late, buf, sizeof buf, MSG_DONTWAIT)) > 0) told.append(buf, size_t(n));
+      return n == 0;
+   }, 5000);
+   EXPECT_NE(told.find("more than 3 connections"), std::string::npos) << told;
+   EXPECT_EQ(server.connections(), 3u);
+   for (auto const & r : readers) EXPECT_TRUE(r->synced());
+   Kel::logSinkIs(nullptr);
+   // Logged through the structured log, one event per window.
+   ASSERT_EQ(log->events.size(), 1u);
+   EXPECT_EQ(Kel::logLine(log->events[0]), "KEL_SERVER_FULL WARNING: server on @" + name +
+                                                " holds 3 connections: closed an idle connection of uid " +
+                                                std::to_string(::getuid()) + " pid " + std::to_string(::getpid()));
 }
 
 TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
