@@ -13,6 +13,7 @@
 
 #include <Intf/IntfStatusDir.h>
 #include <Intf/SmashIntfCounter.h>
+#include <Intf/SyncMtu.h>
 #include <Kel/Agent.h>
 #include <Zenet/SocketAt.h>
 
@@ -34,6 +35,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -259,60 +261,102 @@ TEST_F(IntfAgent, AKernelRefusalIsLoggedOnceAndTheAgentCarriesOn) {
    EXPECT_EQ(agent.exitStatus(), 0);
 }
 
-TEST_F(IntfAgent, ANamespaceThatAppearsIsModelledConfiguredAndForgottenWhenItGoes) {
-   if (::geteuid() != 0) GTEST_SKIP() << "needs root: makes a network namespace and changes its devices";
-   std::string ns = "intf-agent-test-" + std::to_string(::getpid());
-   // The namespace's loopback device, mapped explicitly and configured up
-   // with a jumbo MTU (a fresh namespace's lo is down, MTU 65536).
-   std::string cfg = dir.path + "/intf.conf";
-   std::ofstream(cfg) << "Loopback77 device=lo netns=" << ns << " admin=up mtu=9000\n";
-   std::string configSock = dir.path + "/config.sock";
-   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock});
-   ASSERT_TRUE(configd.waitFor("serving on")) << configd.stderr_.text;
-   auto agent = startAgent({"--config", cfg});
-   ASSERT_TRUE(agent->waitFor("INTF_AGENT_CONFIG_MOUNTED")) << agent->stderr_.text;
+TEST_F(IntfAgent, OnAHostItChangesOnlyWhatIsConfiguredTrustsOnlyItsPeersAndFollowsRemaps) {
+   if (::geteuid() != 0) GTEST_SKIP() << "needs root: makes network namespaces and changes their devices";
+   std::string tag = std::to_string(::getpid());
+   NetNs ns1("intf-agent-a-" + tag);
+   ASSERT_TRUE(ns1.ok()) << ns1.error();
+   auto device = [](NetNs const & ns) {
+      uint32_t mtu = 0;
+      bool up = false;
+      EXPECT_TRUE(deviceState(ns.name(), "lo", &mtu, &up));
+      return std::to_string(mtu) + (up ? " up" : " down");
+   };
+   // A fresh namespace's lo: down, MTU 65536.
+   std::string before = device(ns1);
+   std::string cfg = dir.path + "/intf.conf", configSock = "@intf-agent-config-" + tag;
+   auto configure = [&](std::string const & line) {
+      std::ofstream(cfg + ".new") << "Loopback77 device=lo " << line << "\n";
+      std::rename((cfg + ".new").c_str(), cfg.c_str());
+   };
+   configure("netns=" + ns1.name() + " admin=down mtu=1280");
+   ASSERT_EQ(::chmod(dir.path.c_str(), 0755), 0);  // nobody reads the file too
 
+   // Another user's configuration server on the agent's socket name is
+   // refused (logged with its uid and pid) and its file never applied.
+   auto impostor = std::make_unique<Child>(loop, INTF_CONFIGD,
+                                           std::vector<std::string>{"--config", cfg, "--socket", configSock}, 65534);
+   ASSERT_TRUE(impostor->waitFor("serving on")) << impostor->stderr_.text;
+   auto agent = startAgent({"--config", cfg, "--config-socket", configSock});
+   std::string refused = "KEL_PEER_REFUSED WARNING: client of " + configSock + ": refused peer uid 65534 gid 65534 pid " +
+                         std::to_string(impostor->pid) + ": uid 65534 is not root";
+   ASSERT_TRUE(agent->waitFor(refused)) << agent->stderr_.text;
+   EXPECT_TRUE(agent->waitFor("INTF_AGENT_CONFIG_WAITING"));
+   impostor.reset();
+
+   // The real one (root's): a line without settings leaves the device as it is.
+   configure("netns=" + ns1.name() + " description=\"nothing set\"");
+   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock});
+   ASSERT_TRUE(agent->waitFor("INTF_AGENT_CONFIG_MOUNTED")) << agent->stderr_.text;
    Kel::NboAttrLog::Client client(loop, sock, "");
    ASSERT_TRUE(until([&] { return client.synced(); })) << agent->stderr_.text;
    Tree t(client.root());
    ASSERT_TRUE(t.complete());
    IntfId lo77("Loopback77");
-   EXPECT_FALSE(t.status->intfStatus(lo77));
-
-   auto netns = std::make_unique<NetNs>(ns);
-   ASSERT_TRUE(netns->ok()) << netns->error();
-   ASSERT_TRUE(until([&] { return bool(t.status->intfStatus(lo77)); })) << agent->stderr_.text;
+   ASSERT_TRUE(until([&] { return t.status->intfStatus(lo77) && t.status->intfStatus(lo77)->counter(); }));
    auto lo = t.status->intfStatus(lo77);
-   EXPECT_EQ(lo->deviceName(), "lo");
-   EXPECT_EQ(t.kernel->intfStatus(Kel::String8(ns + "/lo")), lo);
-   ASSERT_TRUE(t.local->intfStatusLocal(lo77));
-   EXPECT_EQ(t.local->intfStatusLocal(lo77)->netNsName().name(), ns);
-   // The default namespace's lo keeps its own interface.
-   EXPECT_EQ(t.kernel->intfStatus("lo"), t.status->intfStatus(IntfId("Loopback0")));
+   std::string afterAgent = device(ns1);
+   EXPECT_EQ(afterAgent, before);
+   EXPECT_FALSE(lo->active());  // what the device has: not up
+   // Changed by hand, it stays as the operator left it.
+   ASSERT_EQ(Interface::setMtuInNs("lo", 1500, Zenet::NamespaceName(Kel::String8(ns1.name())), -1), 0);
+   ASSERT_TRUE(until([&] { return lo->mtu() == 1500; }));
+   loop.runUntil([] { return false; }, 600);  // three samples
+   EXPECT_EQ(device(ns1), "1500 down");
+   std::cout << "unconfigured lo of a namespace: " << before << " before the agent, " << afterAgent
+             << " with it running, " << device(ns1) << " after a hand change under it\n";
 
-   // The configuration reaches the device, and the status follows the kernel.
-   EXPECT_TRUE(until([&] { return lo->mtu() == 9000 && lo->operStatus() == IntfOperStatus::intfOperUp; }))
-         << "mtu " << lo->mtu() << " oper " << lo->operStatus() << "\n" << agent->stderr_.text;
-   uint32_t mtu = 0;
-   bool up = false;
-   ASSERT_TRUE(deviceState(ns, "lo", &mtu, &up));
-   EXPECT_EQ(mtu, 9000u);
-   EXPECT_TRUE(up);
-   EXPECT_EQ(lo->operStatusChange().count(), 1u);
-   EXPECT_GT(lo->operStatusChange().time(), 0.0);
-   EXPECT_TRUE(until([&] { return bool(lo->counter()); }));
-   EXPECT_TRUE(hasRow(client.root(), lo77));
-   EXPECT_TRUE(agent->says("INTF_LINK_STATUS")) << agent->stderr_.text;
+   // Set in the file: applied, 65536 included.
+   configure("netns=" + ns1.name() + " admin=up mtu=65536");
+   EXPECT_TRUE(until([&] { return lo->mtu() == 65536 && lo->active(); })) << agent->stderr_.text;
+   EXPECT_EQ(device(ns1), "65536 up");
+   EXPECT_EQ(lo->operStatus(), IntfOperStatus::intfOperUp);
+
+   // A namespace that appears, and the interface remapped into it: its
+   // device gets the settings, the device left behind keeps what it has and
+   // goes back to the automatic name.
+   auto ns2 = std::make_unique<NetNs>("intf-agent-b-" + tag);
+   ASSERT_TRUE(ns2->ok()) << ns2->error();
+   configure("netns=" + ns2->name() + " admin=up mtu=9000");
+   ASSERT_TRUE(until([&] {
+      auto l = t.local->intfStatusLocal(lo77);
+      return l && l->netNsName().name() == ns2->name() && t.status->intfStatus(lo77)->mtu() == 9000;
+   })) << agent->stderr_.text;
+   EXPECT_EQ(device(*ns2), "9000 up");
+   EXPECT_EQ(device(ns1), "65536 up");
+   auto left = t.kernel->intfStatus(Kel::String8(ns1.name() + "/lo"));
+   ASSERT_TRUE(left);
+   EXPECT_NE(left->intfId(), lo77);
+   EXPECT_TRUE(until([&] { return hasRow(client.root(), lo77); }));
+
+   // Signals: HUP reads the file again, USR1 and USR2 change nothing.
+   for (int sig : {SIGHUP, SIGUSR1, SIGUSR2}) ASSERT_EQ(::kill(agent->pid, sig), 0);
+   EXPECT_TRUE(agent->waitFor("INTF_AGENT_MAPPING_RELOADED"));
+   loop.runUntil([] { return false; }, 200);
+   EXPECT_EQ(::kill(agent->pid, 0), 0);
 
    // The namespace goes: so does everything of its device.
-   netns.reset();
+   ns2.reset();
    EXPECT_TRUE(until([&] { return !t.status->intfStatus(lo77); })) << agent->stderr_.text;
-   EXPECT_FALSE(t.kernel->intfStatus(Kel::String8(ns + "/lo")));
    EXPECT_FALSE(t.local->intfStatusLocal(lo77));
-   EXPECT_FALSE(hasRow(client.root(), lo77));
-   EXPECT_TRUE(t.status->intfStatus(IntfId("Loopback0")));
-   EXPECT_TRUE(hasRow(client.root(), IntfId("Loopback0")));
+   EXPECT_TRUE(until([&] { return !hasRow(client.root(), lo77); }));
    EXPECT_TRUE(agent->waitFor("INTF_AGENT_NAMESPACE_REMOVED"));
+
+   // SIGQUIT stops it as SIGTERM does, socket file and all.
+   ASSERT_EQ(::kill(agent->pid, SIGQUIT), 0);
+   EXPECT_EQ(agent->exitStatus(), 0);
+   struct stat st;
+   EXPECT_NE(::stat(sock.c_str(), &st), 0);
 }
 
 } // namespace

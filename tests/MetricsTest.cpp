@@ -139,25 +139,52 @@ TEST(MetricsServer, AnswersEachKindOfRequestOverRealConnections) {
    EXPECT_EQ(server.connections(), 0u);
 }
 
-TEST(MetricsServer, IdleConnectionsPastTheLimitWaitWithoutHarmingOthers) {
-   MetricsServer server("127.0.0.1:0", [] { return std::string("x 1\n"); });
+TEST(MetricsServer, AScrapeIsAnsweredWhileIdleAndTricklingClientsHoldEveryConnection) {
+   MetricsServer::Limits limits;
+   limits.request = std::chrono::milliseconds(300);
+   MetricsServer server("127.0.0.1:0", [] { return std::string("x 1\n"); }, limits);
    ASSERT_TRUE(server.valid()) << server.error();
    Kel::ActivityLoop loop;
    loop.add(&server);
-   std::vector<int> idle;
-   for (size_t i = 0; i < MetricsServer::maxConnections + 6; ++i) idle.push_back(connectTo(server.port()));
-   for (int i = 0; i < 20; ++i) loop.runOnce(5);
-   EXPECT_EQ(server.connections(), MetricsServer::maxConnections);
-   // One idle client goes; a real request is then taken in and answered.
-   ::close(idle.front());
-   idle.erase(idle.begin());
-   for (int i = 0; i < 20; ++i) loop.runOnce(5);
-   for (int i = 0; i < 6; ++i) {
-      ::close(idle.back());
-      idle.pop_back();
+   // 500 idle clients: the server holds its limit, the newest ones.
+   std::vector<int> held;
+   for (int i = 0; i < 500; ++i) {
+      held.push_back(connectTo(server.port()));
+      if (i % 50 == 0) loop.runOnce(0);
+   }
+   for (int i = 0; i < 20; ++i) loop.runOnce(1);
+   EXPECT_EQ(server.connections(), limits.connections);
+   EXPECT_EQ(firstLine(exchange(loop, server.port(), "GET /metrics HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
+   // 100 clients sending their requests a byte at a time.
+   std::vector<int> trickling;
+   for (int i = 0; i < 100; ++i) trickling.push_back(connectTo(server.port()));
+   for (char c : std::string("GET /met")) {
+      for (int fd : trickling) ::send(fd, &c, 1, MSG_NOSIGNAL);
+      loop.runOnce(1);
    }
    EXPECT_EQ(firstLine(exchange(loop, server.port(), "GET /metrics HTTP/1.1\r\n\r\n")), "HTTP/1.1 200 OK");
-   for (int fd : idle) ::close(fd);
+   EXPECT_LE(server.connections(), limits.connections);
+   // Past the request deadline, clients that never finished are dropped.
+   loop.runUntil([&] { return server.connections() == 0; }, 5000);
+   EXPECT_EQ(server.connections(), 0u);
+   for (int fd : held) ::close(fd);
+   for (int fd : trickling) ::close(fd);
+
+   // Only when every connection is being answered (to clients that do not
+   // read a large page) is a newcomer refused.
+   limits.connections = 2;
+   MetricsServer busy("127.0.0.1:0", [] { return std::string(8 << 20, 'x'); }, limits);
+   loop.add(&busy);
+   std::vector<int> readers;
+   for (int i = 0; i < 2; ++i) {
+      readers.push_back(connectTo(busy.port()));
+      ::send(readers.back(), "GET /metrics HTTP/1.1\r\n\r\n", 27, MSG_NOSIGNAL);
+      for (int r = 0; r < 5; ++r) loop.runOnce(1);
+   }
+   EXPECT_EQ(firstLine(exchange(loop, busy.port(), "GET /metrics HTTP/1.1\r\n\r\n")),
+             "HTTP/1.1 503 Service Unavailable");
+   for (int fd : readers) ::close(fd);
+   loop.remove(&busy);
 }
 
 TEST(MetricsServer, ABadAddressIsRefusedWithItsReason) {

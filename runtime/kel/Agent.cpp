@@ -316,9 +316,11 @@ void Client::closed(String8 const & why, bool wasSynced) {
    std::weak_ptr<bool> alive = alive_;
    auto closedCb = onClosed;
    auto failedCb = onAttemptFailed;
-   bool tell = !outage_;
-   outage_ = true;
-   if (tell && closedCb) closedCb(why);
+   // A failure in the constructor reaches no callback; the outage is told
+   // at the next one.
+   bool tell = !outage_ && closedCb;
+   if (tell) outage_ = true;
+   if (tell) closedCb(why);
    if (alive.expired() || !*alive.lock()) return;
    if (!wasSynced && failedCb) failedCb(why);
 }

@@ -105,7 +105,9 @@ class Server : public ActivityLoop::Source {
 //
 // Two callbacks tell of failures:
 // - onClosed, once per outage: when a synced connection closes, and when
-//   the first attempt since the start or since the last sync fails. It is
+//   the first attempt since the start or since the last sync fails (the
+//   first attempt is made in the constructor, before any callback is set:
+//   if it fails, lastClose() says why and the next failure is told). It is
 //   not called again for each further attempt while the outage lasts.
 // - onAttemptFailed, for every attempt that did not reach a sync (the
 //   connection refused, or closed before the initial state was complete),
