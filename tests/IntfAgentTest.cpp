@@ -152,7 +152,7 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_GE(std::stoull(octets.substr(octets.rfind(' ') + 1)), before + 20 * 1000);
    EXPECT_EQ(metricLine(page, "intf_mtu" + labels), "intf_mtu" + labels + " " + std::to_string(kernelMtu));
    EXPECT_EQ(metricLine(page, "intf_oper_up" + labels), "intf_oper_up" + labels + " 1");
-   EXPECT_FALSE(metricLine(page, "intf_in_bits_per_second" + labels).empty());
+   EXPECT_FALSE(metricLine(page, "intf_in_bytes_per_second" + labels).empty());
    EXPECT_NE(page.find("# TYPE intf_in_octets_total counter"), std::string::npos);
 
    // Readers that vanish, one mid-sync and one speaking nonsense, cost the
@@ -183,7 +183,12 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    // table over, and the reader's counter keeps moving without a look-up.
    agent->kill9();
    uint64_t atKill = counter->statistics().inOctets();
+   double lastUpdate = counter->statistics().lastUpdate();
+   ASSERT_GT(counter->rates().inPktsRate(), 0.0);
    agent = startAgent();
+   // Its first sample goes on from the row's rates rather than from 0.
+   ASSERT_TRUE(until([&] { return counter->statistics().lastUpdate() > lastUpdate; }));
+   EXPECT_GT(counter->rates().inPktsRate(), 0.0);
    sendUdp(20, 1000);
    EXPECT_TRUE(until([&] { return counter->statistics().inOctets() >= atKill + 20 * 1000; }))
          << atKill << " -> " << counter->statistics().inOctets() << "\n" << agent->stderr_.text;

@@ -48,7 +48,7 @@ int CommandLine::parse(int argc, char ** argv) {
             if (i + 1 == argc) return bad(a + " needs a value");
             value = argv[++i];
          }
-         if (value.empty()) return bad(a + " needs a value");
+         if (value.empty() && !spec->mayBeEmpty) return bad(a + " needs a value");
       }
       // A repeatable option collects its values; for the others the last one counts.
       auto & vs = values_[a];

@@ -16,6 +16,7 @@ struct OptionSpec {
    std::string value;  // what it takes ("PATH"), "" for a flag
    std::string help;   // may span lines; each is indented under the option
    bool repeatable = false;
+   bool mayBeEmpty = false;  // "" is a value ("none"), not a missing one
 };
 
 class CommandLine {

@@ -74,6 +74,7 @@ class HostAgent : private DeviceDiscovery::Events {
    // A device refused an interface that another device held may have it now.
    void retryUnmodelled();
 
+   ConfigMount const * config_;
    DeviceMap deviceMap_;
    CounterRows counters_;
    ServedTree tree_;
