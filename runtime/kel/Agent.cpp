@@ -357,46 +357,58 @@ std::vector<ServedEntry> listServed(std::string const & path, String8 const & mo
    endFrame(req, frame);
    if (sendSome(fd, req.data(), req.size()) != ssize_t(req.size())) return fail("cannot send to " + path);
 
-   ConnectionLimits limits;
    std::string in;
-   bool ended = false;
+   bool ended = false, cut = false;
    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-   while (true) {
-      while (in.size() >= 5) {
-         uint32_t n = frameLength(in.data());
-         if (n == 0 || n > limits.frameBytes) return fail("bad answer from " + path);
-         if (in.size() < 4 + size_t(n)) break;
-         In msg(in.data() + 5, n - 1);
-         try {
-            switch (uint8_t(in[4])) {
-            case msgListing: {
-               uint32_t count = msg.nextU32();
-               for (uint32_t i = 0; i < count; ++i) {
-                  ServedEntry e;
-                  e.path = msg.nextString();
-                  e.type = msg.nextString();
-                  entries.push_back(std::move(e));
-               }
-               bool cut = msg.nextbool();
-               if (truncated) *truncated = cut;
-               *error = String8();
-               return entries;
-            }
-            case msgClose:
-               return fail("the server closed the connection: " + msg.nextString().str());
-            default:
-               return fail("unexpected answer from " + path);
-            }
-         } catch (StreamError const & e) {
-            return fail("bad answer from " + path + ": " + e.message().str());
-         }
-      }
+   while (!decodeListing(in, &entries, &cut, error)) {
       if (ended) return fail("the server at " + path + " went away");
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
       if (left.count() <= 0) return fail("no answer from " + path + " in " + std::to_string(timeoutMs) + " ms");
       pollfd p{fd, POLLIN, 0};
       ::poll(&p, 1, int(left.count()));
       ended = readSome(fd, in) < 0;
+   }
+   if (truncated) *truncated = cut;
+   return entries;
+}
+
+bool decodeListing(std::string_view in, std::vector<ServedEntry> * entries, bool * truncated, String8 * error,
+                   size_t frameBytes) {
+   entries->clear();
+   *truncated = false;
+   *error = String8();
+   if (in.size() < 5) return false;
+   uint32_t n = frameLength(in.data());
+   if (n == 0 || n > frameBytes) {
+      *error = "malformed answer: a frame of " + std::to_string(n) + " bytes";
+      return true;
+   }
+   if (in.size() < 4 + size_t(n)) return false;
+   In msg(in.data() + 5, n - 1);
+   try {
+      switch (uint8_t(in[4])) {
+      case msgListing: {
+         uint32_t count = msg.nextU32();
+         for (uint32_t i = 0; i < count; ++i) {
+            ServedEntry e;
+            e.path = msg.nextString();
+            e.type = msg.nextString();
+            entries->push_back(std::move(e));
+         }
+         *truncated = msg.nextbool();
+         return true;
+      }
+      case msgClose:
+         *error = "the server closed the connection: " + msg.nextString();
+         return true;
+      default:
+         *error = "malformed answer: message type " + std::to_string(uint8_t(in[4]));
+         return true;
+      }
+   } catch (StreamError const & e) {
+      entries->clear();
+      *error = "malformed answer: " + e.message();
+      return true;
    }
 }
 

@@ -21,6 +21,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Kel::NboAttrLog {
@@ -185,6 +186,13 @@ struct ServedEntry {
    String8 path;
    String8 type;
 };
+// What listServed reads: decodes a server's answer to a listing request
+// (every byte received so far). False while more bytes are needed; true
+// once decided: the entries and *truncated, or no entries and the reason
+// in *error (the server's reason for closing, or a malformed answer). An
+// answer is read only up to `frameBytes`.
+bool decodeListing(std::string_view in, std::vector<ServedEntry> * entries, bool * truncated, String8 * error,
+                   size_t frameBytes = ConnectionLimits().frameBytes);
 std::vector<ServedEntry> listServed(std::string const & path, String8 const & mountPath, unsigned depth,
                                     String8 * error, bool * truncated = nullptr, int timeoutMs = 3000,
                                     PeerTrust const & servers = {});
