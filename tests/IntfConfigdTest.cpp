@@ -19,6 +19,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -73,6 +74,11 @@ TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) 
    Configd agent({"--config", cfg, "--socket", sock});
    ASSERT_GT(agent.pid, 0);
    ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays("serving on " + sock); }, 5000))
+         << agent.stderr_.text;
+   // Off the journal, each line starts with the local time.
+   EXPECT_TRUE(std::regex_search(agent.stderr_.text, std::regex("^20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-9]{2}:[0-9]{2}:"
+                                                                 "[0-9]{2}\\.[0-9]{3}[+-][0-9]{2}:[0-9]{2} "
+                                                                 "INTF_CONFIG_LOADED NOTICE: ")))
          << agent.stderr_.text;
 
    Kel::NboAttrLog::Client client(agent.loop, sock, "");
@@ -159,6 +165,10 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
       {{"--config", missing, "--socket", sock}, 1, false, "", missing + ":0: "},
       {{"--once"}, 2, false, "", "--config FILE is required"},
       {{"--help"}, 0, false, "usage: intf-configd --config FILE", ""},
+      {{"--version"}, 0, true, "intf-configd 0.1.0\n", ""},
+      {{"--config", good, "--log-level", "loud"}, 2, false, "",
+       "--log-level takes one of emerg, alert, crit, err, warning, notice, info, debug, not \"loud\""},
+      {{"--config", good, "--allow-user", "no-such-user-here"}, 1, false, "", "no user \"no-such-user-here\""},
    };
    for (auto const & c : cases) {
       std::string what;

@@ -793,14 +793,19 @@ TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheL
       std::string told = drain(late);
       int idle = 0;
       for (int i = 0; i < 10; ++i) idle += loop.runOnce(10) == 0;
+      // With descriptors again, it listens again.
+      for (int f : hog.fd) ::close(f);
+      hog.fd.clear();
+      Log::Client after(loop, "@" + name, "served");
+      loop.runUntil([&] { return after.synced(); }, 5000);
       result.send((told.find("out of file descriptors") != std::string::npos ? "told" : "not told: " + told) +
-                  ", idle rounds " + std::to_string(idle) + " of 10");
+                  ", idle rounds " + std::to_string(idle) + " of 10" + (after.synced() ? ", served again" : ""));
       ::_exit(0);
    }
    IntfTest::Reap reap{pid};
    ::close(result.fd[1]);  // so that a child that dies ends the line
    result.fd[1] = -1;
-   EXPECT_EQ(result.receive(), "told, idle rounds 10 of 10");
+   EXPECT_EQ(result.receive(), "told, idle rounds 10 of 10, served again");
 }
 
 // ---- depth -------------------------------------------------------------------------------------

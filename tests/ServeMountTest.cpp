@@ -74,6 +74,7 @@ TEST(ServeMount, AClientHearsTheTreeTheServersDeathOnceAndTheTreeAgainAfterBacki
    };
    ASSERT_TRUE(loop.runUntil([&] { return syncs.size() == 1; }, 5000));
    EXPECT_EQ(syncs[0], 2u);
+   EXPECT_EQ(client.retryDelay(), 0ms);  // connected: no attempt is due
 
    // The server dies: told once, and the first reconnection waits the
    // shortest back-off.
@@ -314,4 +315,28 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    Listing none = list(name, "interface/nothing", 1);
    EXPECT_TRUE(none.entries.empty());
    EXPECT_EQ(none.error, "the server closed the connection: no entity at interface/nothing");
+
+   // Answers as they arrive: a part waits for the rest, a bad one is refused.
+   std::string answer("\0\0\0\x16\x0c\0\0\0\x01\0\0\0\0\0\0\0\x08Kel::Dir\x01", 26);
+   struct Case {
+      std::string bytes;
+      bool decided;
+      std::string error;
+      size_t entries;
+   } const cases[] = {
+      {answer, true, "", 1},
+      {answer.substr(0, 20), false, "", 0},
+      {std::string("\0\0\0\x05\x0c\0\0\0\x02", 9), true, "malformed answer: truncated message", 0},
+      {std::string("\0\0\0\x01\x07", 5), true, "malformed answer: message type 7", 0},
+      {std::string("\x10\0\0\0\x0c", 5), true, "malformed answer: a frame of 268435456 bytes", 0},
+   };
+   for (auto const & c : cases) {
+      std::vector<Kel::NboAttrLog::ServedEntry> entries;
+      bool cut = false;
+      Kel::String8 error;
+      EXPECT_EQ(Kel::NboAttrLog::decodeListing(c.bytes, &entries, &cut, &error), c.decided) << c.error;
+      EXPECT_EQ(error, c.error);
+      EXPECT_EQ(entries.size(), c.entries) << c.error;
+      EXPECT_EQ(cut, c.entries == 1) << c.error;
+   }
 }
