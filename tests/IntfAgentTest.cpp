@@ -248,7 +248,11 @@ TEST_F(IntfAgent, AKernelRefusalIsLoggedOnceAndTheAgentCarriesOn) {
    ASSERT_TRUE(agent.waitFor(refused)) << agent.stderr_.text;
    EXPECT_TRUE(agent.says(refused + std::strerror(EPERM))) << agent.stderr_.text;
 
-   // Several intervals later: said once, not tried again, and still serving.
+   // Several intervals and a change elsewhere in the configuration later:
+   // said once, not tried again, and still serving.
+   std::ofstream(cfg + ".new") << "Loopback0 mtu=" << kernelMtu - 1 << " description=\"edited\"\n";
+   ASSERT_EQ(::rename((cfg + ".new").c_str(), cfg.c_str()), 0);
+   ASSERT_TRUE(configd.waitFor("0 added, 1 changed")) << configd.stderr_.text;
    loop.runUntil([] { return false; }, 1000);
    auto const & text = agent.stderr_.text;
    size_t first = text.find("INTF_AGENT_KERNEL_REFUSED");

@@ -46,7 +46,7 @@ std::vector<IntfView> rows() {
    e2.netNs = "blue";
    IntfView lo;
    lo.intfId = IntfId("Loopback0");
-   lo.description = "東京";
+   lo.description = "東京🤖";
    lo.device = "lo";
    lo.adminUp = true;
    lo.mtu = 65536;
@@ -67,7 +67,7 @@ std::vector<IntfView> rows() {
 TEST(ShowFormat, StatusShowsTheDevicesAndTheConfiguredAdminStateInAlignedColumns) {
    EXPECT_EQ(statusTable(rows()),
              "Interface   Description    Admin  Configured  Oper              MTU  Device  Namespace\n"
-             "Loopback0   東京           up     -           unknown         65536  lo      default\n"
+             "Loopback0   東京🤖         up     -           unknown         65536  lo      default\n"
              "Ethernet2   Zürich\\x1b[2J  down   up          lowerLayerDown   1500  eth2    blue\n"
              "Ethernet3                  -      -           notPresent          -  -       default\n"
              "Ethernet10  to \"spine\"     up     up          up               9000  eth9    default\n");
