@@ -87,7 +87,10 @@ TEST(ConfigReload, AFileEmptiedByAChangeIsTakenAsEmptyOnlyWhenItStaysSo) {
    EXPECT_EQ(f.applied.size(), 1u);
    write(file, "Ethernet1\nEthernet2\n");  // the editor's write, after a moment
    f.run(5000, 2);
+   // Emptied again: the second of suspicion starts anew.
    write(file, "");
+   f.run(200);
+   EXPECT_EQ(f.applied.size(), 2u);
    f.run(5000, 3);
    EXPECT_EQ(f.applied, (std::vector<size_t>{1, 2, 0}));
 }

@@ -212,7 +212,8 @@ TEST(EndToEnd, TheShowCommandSaysWhyNoAgentAnswersAndAsksToStartOneOnlyWhenNoneL
    } cases[] = {
       {{"--socket", dir.path + "/nobody.sock", "status"}, uid_t(-1), 1,
        "no interface agent answers at " + dir.path + "/nobody.sock", true},
-      {{"--socket", full, "status"}, uid_t(-1), 1, "more than 1 connections", false},
+      {{"--socket", full, "status"}, uid_t(-1), 1,
+       "more than 1 connections).\nThe agent holds as many connections as it allows", false},
       {{"--socket", dir.path + "/root.sock", "status"}, root ? 65534 : uid_t(-1), 1,
        root ? "You may not read it" : "", false},
       {{"--socket", "x", "bogus"}, uid_t(-1), 2, "unknown command \"bogus\"", false},

@@ -658,6 +658,8 @@ TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) 
    ConnectionLimits limits;
    limits.mountWait = std::chrono::milliseconds(200);
    ActivityLoop loop;
+   int ticks = 0;  // a timer of the agent's own, which closing connections leave alone
+   loop.timerIs(std::chrono::milliseconds(10), [&] { ++ticks; }, std::chrono::milliseconds(10));
    Log::Server server(loop, "@" + name, tree, "w", limits);
    ASSERT_TRUE(server.valid()) << server.error();
    // Nothing, half a header, a whole header and no body.
@@ -674,6 +676,8 @@ TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) 
       EXPECT_NE(got.find("no mount request within 200 ms"), std::string::npos) << got;
    }
    EXPECT_TRUE(client.synced());
+   int before = ticks;
+   EXPECT_TRUE(loop.runUntil([&] { return ticks > before + 2; }, 5000));
 }
 
 TEST(ReplicationPeers, AFullServerLetsANewPeerInPlaceOfTheOldestIdleOneAndRefusesOnlyWhenAllAreMounted) {

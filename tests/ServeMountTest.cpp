@@ -122,6 +122,15 @@ TEST(ServeMount, AMountOfAPathThatNamesNothingReachesTheClientWithTheServersReas
    loop.runUntil([&] { return !why.empty() && server.connections() == 0; }, 5000);
    EXPECT_EQ(why, "writer closed the connection: no entity at Ethernet9");
    EXPECT_EQ(server.connections(), 0u);  // its writer went with the connection
+
+   // A callback may delete its client.
+   Client::Options o;
+   o.reconnect = true;
+   o.minBackoff = 1ms;
+   auto doomed = std::make_unique<Client>(loop, path + "-nobody", "", o);
+   doomed->onClosed = [&](Kel::String8 const &) { doomed.reset(); };
+   doomed->onAttemptFailed = [&](Kel::String8 const &) { ADD_FAILURE() << "called on a deleted client"; };
+   EXPECT_TRUE(loop.runUntil([&] { return !doomed; }, 5000));
 }
 
 namespace {

@@ -120,6 +120,22 @@ TEST(ShowFormat, JsonHasAVersionAndTheFieldsOfItsCommandOnly) {
    EXPECT_EQ(jsonString(std::string("a\x01\n\x7f\xff", 5)), "\"a\\u0001\\n\\u007f\\ufffd\"");
 }
 
+TEST(ShowFormat, OnlyWellFormedUtf8ReachesATerminal) {
+   struct Case {
+      char const * raw;
+      char const * shown;
+   } const cases[] = {
+      {"Zürich 東京 🤖", "Zürich 東京 🤖"},
+      {"\xc1\xbf", "\\xc1\\xbf"},                  // an overlong form of '?'
+      {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},          // an overlong '/'
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},          // a surrogate
+      {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // past U+10FFFF
+      {"\xe6\x9d", "\\xe6\\x9d"},                  // cut short
+      {"a\xc2\x85" "b", "a\\xc2\\x85b"},           // a control character past ASCII
+   };
+   for (auto const & c : cases) EXPECT_EQ(printable(c.raw), c.shown) << c.shown;
+}
+
 TEST(ShowFormat, DetailTellsEverythingKnownOfOneInterface) {
    auto r = rows();
    r[2].changes = 3;

@@ -3,6 +3,9 @@
 
 #include <Kel/Value.h>
 
+#include <locale.h>
+#include <wchar.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -185,23 +188,17 @@ std::string printable(std::string_view s) {
 }
 
 size_t displayWidth(std::string_view s) {
+   // The C library's own table of widths, whatever the program's locale.
+   static locale_t const utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t(0));
+   locale_t was = utf8 ? ::uselocale(utf8) : locale_t(0);
    size_t w = 0;
    for (size_t i = 0; i < s.size();) {
       auto [cp, n] = decode(s, i);
       i += std::max<size_t>(n, 1);
-      if (n == 0) {
-         ++w;
-      } else if ((cp >= 0x300 && cp < 0x370) || cp == 0x200b) {
-         // combining marks, zero-width space
-      } else if ((cp >= 0x1100 && cp < 0x1160) || (cp >= 0x2e80 && cp < 0xa4d0) || (cp >= 0xac00 && cp < 0xd7a4) ||
-                 (cp >= 0xf900 && cp < 0xfb00) || (cp >= 0xfe30 && cp < 0xfe50) || (cp >= 0xff00 && cp < 0xff61) ||
-                 (cp >= 0xffe0 && cp < 0xffe7) || (cp >= 0x1f300 && cp < 0x1f650) || (cp >= 0x1f900 && cp < 0x1fa00) ||
-                 (cp >= 0x20000 && cp < 0x3fffe)) {
-         w += 2;
-      } else {
-         ++w;
-      }
+      int cw = utf8 && n ? ::wcwidth(wchar_t(cp)) : 1;
+      w += size_t(cw < 0 ? 1 : cw);
    }
+   if (utf8) ::uselocale(was);
    return w;
 }
 

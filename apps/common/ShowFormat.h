@@ -72,8 +72,8 @@ std::string toJson(std::string const & command, std::vector<IntfView> rows);
 std::string jsonString(std::string_view s);
 // `s` for a terminal: control bytes and bytes that are not UTF-8 as "\xNN".
 std::string printable(std::string_view s);
-// The columns `s` takes on a terminal: wide characters two, combining
-// marks none.
+// The columns `s` takes on a terminal, by the C library's table of
+// character widths (wide characters two, combining marks none).
 size_t displayWidth(std::string_view s);
 
 } // namespace IntfApp
