@@ -153,6 +153,11 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_EQ(metricLine(page, "intf_mtu" + labels), "intf_mtu" + labels + " " + std::to_string(kernelMtu));
    EXPECT_EQ(metricLine(page, "intf_oper_up" + labels), "intf_oper_up" + labels + " 1");
    EXPECT_FALSE(metricLine(page, "intf_in_bytes_per_second" + labels).empty());
+   std::string packets = metricLine(page, "intf_in_packets_total" + labels);
+   ASSERT_FALSE(packets.empty()) << page;
+   EXPECT_GE(std::stoull(packets.substr(packets.rfind(' ') + 1)), 20u);
+   EXPECT_EQ(metricLine(page, "intf_present" + labels), "intf_present" + labels + " 1");
+   EXPECT_EQ(metricLine(page, "intf_admin_up" + labels), "intf_admin_up" + labels + " 1");
    EXPECT_NE(page.find("# TYPE intf_in_octets_total counter"), std::string::npos);
 
    // Readers that vanish, one mid-sync and one speaking nonsense, cost the
@@ -296,7 +301,8 @@ TEST_F(IntfAgent, OnAHostItChangesOnlyWhatIsConfiguredTrustsOnlyItsPeersAndFollo
    auto impostor = std::make_unique<Child>(loop, INTF_CONFIGD,
                                            std::vector<std::string>{"--config", cfg, "--socket", configSock}, 65534);
    ASSERT_TRUE(impostor->waitFor("serving on")) << impostor->stderr_.text;
-   auto agent = startAgent({"--config", cfg, "--config-socket", configSock});
+   int port = freePort();
+   auto agent = startAgent({"--config", cfg, "--config-socket", configSock, "--metrics", "127.0.0.1:" + std::to_string(port)});
    std::string refused = "KEL_PEER_REFUSED WARNING: client of " + configSock + ": refused peer uid 65534 gid 65534 pid " +
                          std::to_string(impostor->pid) + ": uid 65534 is not root";
    ASSERT_TRUE(agent->waitFor(refused)) << agent->stderr_.text;
@@ -359,6 +365,11 @@ TEST_F(IntfAgent, OnAHostItChangesOnlyWhatIsConfiguredTrustsOnlyItsPeersAndFollo
    EXPECT_TRUE(until([&] { return !t.status->intfStatus(lo77); })) << agent->stderr_.text;
    EXPECT_FALSE(t.local->intfStatusLocal(lo77));
    EXPECT_TRUE(until([&] { return !hasRow(client.root(), lo77); }));
+   // Configured still: listed as not present rather than left out.
+   std::string gone = "{interface=\"Loopback77\",device=\"\",namespace=\"\"}";
+   std::string page = httpGet(port, "/metrics");
+   EXPECT_EQ(metricLine(page, "intf_present" + gone), "intf_present" + gone + " 0") << page;
+   EXPECT_EQ(metricLine(page, "intf_oper_up" + gone), "intf_oper_up" + gone + " 0") << page;
    EXPECT_TRUE(agent->waitFor("INTF_AGENT_NAMESPACE_REMOVED"));
 
    // SIGQUIT stops it as SIGTERM does, socket file and all.

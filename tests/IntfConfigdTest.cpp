@@ -169,6 +169,8 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
       {{"--config", good, "--log-level", "loud"}, 2, false, "",
        "--log-level takes one of emerg, alert, crit, err, warning, notice, info, debug, not \"loud\""},
       {{"--config", good, "--allow-user", "no-such-user-here"}, 1, false, "", "no user \"no-such-user-here\""},
+      {{"--config", good, "--allow-group", "no-such-group-here"}, 1, false, "", "no group \"no-such-group-here\""},
+      {{"--config", good, "--once=yes"}, 2, false, "", "--once takes no value"},
    };
    for (auto const & c : cases) {
       std::string what;

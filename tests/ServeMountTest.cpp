@@ -186,16 +186,20 @@ TEST(ServeMount, OnlyTrustedPeersMountOrServeAndEachRefusedPeerIsLoggedOnce) {
 
    // A reader as nobody is refused, told why, and logged once however often it comes.
    {
-      Server server(loop, name, dir, "configAgent");
+      Server::Options others;
+      others.readers.uids = {4243};
+      others.readers.gids = {4242};
+      Server server(loop, name, dir, "configAgent", others);
       ASSERT_TRUE(server.valid()) << server.error();
       Pipe told;
       IntfTest::Reap child{asNobody(told, [&] { return mountAsNobody(name) + "|" + mountAsNobody(name); })};
       loop.runUntil([&] { return ::waitpid(child.pid, nullptr, WNOHANG) == child.pid; }, 5000);
-      std::string refused = "writer closed the connection: not allowed: uid 65534 is not root";
+      std::string why = "uid 65534 is not root, not an allowed user, not in an allowed group";
+      std::string refused = "writer closed the connection: not allowed: " + why;
       EXPECT_EQ(told.receive(), refused + "|" + refused);
       EXPECT_EQ(log.lines("KEL_PEER_REFUSED"),
                 std::vector<std::string>{"KEL_PEER_REFUSED WARNING: server on " + name + ": " + refusedNobody +
-                                         std::to_string(child.pid) + ": uid 65534 is not root"});
+                                         std::to_string(child.pid) + ": " + why});
       child.pid = -1;
    }
    // Admitted by its group, it mounts.
