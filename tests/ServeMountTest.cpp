@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
@@ -288,6 +289,8 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    auto root = Kel::makePtr<Kel::Dir>(Kel::Name("agent"));
    root->mkdir("interface/status")->entryIs(Kel::makePtr<Interface::AllIntfConfigDir>(Kel::Name("intf")));
    root->mkdir("interface/counter");
+   auto many = root->mkdir("many");  // an answer larger than one read
+   for (int i = 0; i < 4000; ++i) many->mkdir("leaf" + std::to_string(i));
    std::string name = "@intf-list-" + std::to_string(::getpid());
    Kel::ActivityLoop loop;
    Kel::NboAttrLog::ConnectionLimits small;
@@ -314,17 +317,20 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       t.join();
       return l;
    };
-   Listing all = list(name, "", 9);
-   EXPECT_EQ(all.entries, (std::vector<std::string>{" Kel::Dir", "interface Kel::Dir", "interface/counter Kel::Dir",
-                                                     "interface/status Kel::Dir",
-                                                     "interface/status/intf Interface::AllIntfConfigDir"}));
+   Listing all = list(name, "interface", 9);
+   EXPECT_EQ(all.entries, (std::vector<std::string>{" Kel::Dir", "counter Kel::Dir", "status Kel::Dir",
+                                                     "status/intf Interface::AllIntfConfigDir"}));
    EXPECT_EQ(all.error, "");
    EXPECT_FALSE(all.truncated);
-   Listing one = list(name, "interface", 1);
-   EXPECT_EQ(one.entries, (std::vector<std::string>{" Kel::Dir", "counter Kel::Dir", "status Kel::Dir"}));
-   Listing cut = list(name + "-tight", "", 9);
+   Listing top = list(name, "", 1);
+   EXPECT_EQ(top.entries, (std::vector<std::string>{" Kel::Dir", "many Kel::Dir", "interface Kel::Dir"}));  // the directory's order
+   Listing large = list(name, "many", 1);
+   EXPECT_EQ(large.entries.size(), 4001u) << large.error;
+   // Cut short by the server's buffer: the first entries, none skipped.
+   Listing cut = list(name + "-tight", "interface", 9);
    EXPECT_TRUE(cut.truncated);
-   EXPECT_LT(cut.entries.size(), all.entries.size());
+   ASSERT_LT(cut.entries.size(), all.entries.size());
+   EXPECT_TRUE(std::equal(cut.entries.begin(), cut.entries.end(), all.entries.begin()));
    Listing none = list(name, "interface/nothing", 1);
    EXPECT_TRUE(none.entries.empty());
    EXPECT_EQ(none.error, "the server closed the connection: no entity at interface/nothing");

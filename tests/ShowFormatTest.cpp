@@ -129,6 +129,7 @@ TEST(ShowFormat, OnlyWellFormedUtf8ReachesATerminal) {
       {"\xc1\xbf", "\\xc1\\xbf"},                  // an overlong form of '?'
       {"\xe0\x80\xaf", "\\xe0\\x80\\xaf"},          // an overlong '/'
       {"\xed\xa0\x80", "\\xed\\xa0\\x80"},          // a surrogate
+      {"\xee\x80\x80", "\xee\x80\x80"},              // the first character past them
       {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // past U+10FFFF
       {"\xe6\x9d", "\\xe6\\x9d"},                  // cut short
       {"a\xc2\x85" "b", "a\\xc2\\x85b"},           // a control character past ASCII

@@ -5,46 +5,47 @@
 #include <pwd.h>
 
 #include <charconv>
+#include <optional>
 
 namespace IntfApp {
 
 namespace {
 
-bool number(std::string const & s, unsigned * v) {
-   auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), *v);
-   return !s.empty() && ec == std::errc() && p == s.data() + s.size();
+// Each name as a number, or looked up in its database by `find`.
+template <class Id, class Find>
+bool idsOf(std::vector<std::string> const & names, std::vector<Id> * ids, Find find, char const * kind,
+           std::string * why) {
+   for (auto const & n : names) {
+      unsigned id;
+      auto [p, ec] = std::from_chars(n.data(), n.data() + n.size(), id);
+      if (!n.empty() && ec == std::errc() && p == n.data() + n.size()) {
+         ids->push_back(Id(id));
+      } else if (std::optional<Id> found = find(n)) {
+         ids->push_back(*found);
+      } else {
+         *why = std::string("no ") + kind + " \"" + n + "\"";
+         return false;
+      }
+   }
+   return true;
 }
 
 } // namespace
 
 bool usersOf(std::vector<std::string> const & names, std::vector<uid_t> * uids, std::string * why) {
-   for (auto const & n : names) {
-      unsigned id;
-      if (number(n, &id)) {
-         uids->push_back(uid_t(id));
-      } else if (passwd const * p = ::getpwnam(n.c_str())) {
-         uids->push_back(p->pw_uid);
-      } else {
-         *why = "no user \"" + n + "\"";
-         return false;
-      }
-   }
-   return true;
+   auto find = [](std::string const & n) -> std::optional<uid_t> {
+      passwd const * p = ::getpwnam(n.c_str());
+      return p ? std::optional<uid_t>(p->pw_uid) : std::nullopt;
+   };
+   return idsOf(names, uids, find, "user", why);
 }
 
 bool groupsOf(std::vector<std::string> const & names, std::vector<gid_t> * gids, std::string * why) {
-   for (auto const & n : names) {
-      unsigned id;
-      if (number(n, &id)) {
-         gids->push_back(gid_t(id));
-      } else if (group const * g = ::getgrnam(n.c_str())) {
-         gids->push_back(g->gr_gid);
-      } else {
-         *why = "no group \"" + n + "\"";
-         return false;
-      }
-   }
-   return true;
+   auto find = [](std::string const & n) -> std::optional<gid_t> {
+      group const * g = ::getgrnam(n.c_str());
+      return g ? std::optional<gid_t>(g->gr_gid) : std::nullopt;
+   };
+   return idsOf(names, gids, find, "group", why);
 }
 
 std::vector<OptionSpec> readerOptions(std::string const & what) {

@@ -168,11 +168,7 @@ void Server::onReadable() {
 }
 
 void Server::accepted(int c) {
-   PeerCredentials peer;
-   if (!peerCredentials(c, &peer)) {
-      refuse(c, String8("peer credentials unknown: ") + std::strerror(errno));
-      return;
-   }
+   PeerCredentials peer = peerCredentials(c);
    if (!options_.readers.admits(peer)) {
       std::string why = options_.readers.refusal(peer);
       refusals_.refused(where(), peer, why);
@@ -270,10 +266,10 @@ void Client::connect() {
       return closed(String8("cannot connect to " + path_ + ": " + std::strerror(connectErrno_)), false);
    }
    connectErrno_ = 0;
-   PeerCredentials server;
-   if (!peerCredentials(fd_, &server) || !options_.servers.admits(server)) {
-      why = server.pid ? options_.servers.refusal(server) : std::string("its credentials are unknown");
-      if (server.pid) refusals_.refused("client of " + path_, server, why);
+   PeerCredentials server = peerCredentials(fd_);
+   if (!options_.servers.admits(server)) {
+      why = options_.servers.refusal(server);
+      refusals_.refused("client of " + path_, server, why);
       ::close(fd_);
       fd_ = -1;
       return closed(String8("the server at " + path_ + " is not trusted: " + why), false);
@@ -346,8 +342,8 @@ std::vector<ServedEntry> listServed(std::string const & path, String8 const & mo
       int fd;
       ~Closer() { ::close(fd); }
    } closer{fd};
-   PeerCredentials server;
-   if (!peerCredentials(fd, &server) || !servers.admits(server)) {
+   PeerCredentials server = peerCredentials(fd);
+   if (!servers.admits(server)) {
       return fail("the server at " + path + " is not trusted: " + servers.refusal(server));
    }
    Out req;

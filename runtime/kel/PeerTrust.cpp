@@ -10,27 +10,27 @@
 
 namespace Kel {
 
-bool peerCredentials(int fd, PeerCredentials * out) {
-   ucred c{};
+PeerCredentials peerCredentials(int fd) {
+   PeerCredentials p;
+   ucred c{0, uid_t(-1), gid_t(-1)};
    socklen_t len = sizeof c;
-   if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &c, &len) != 0) return false;
-   out->pid = c.pid;
-   out->uid = c.uid;
-   out->gid = c.gid;
-   out->groups.clear();
+   ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &c, &len);
+   p.pid = c.pid;
+   p.uid = c.uid;
+   p.gid = c.gid;
 #ifdef SO_PEERGROUPS
    gid_t groups[64];
    socklen_t glen = sizeof groups;
    if (::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups, &glen) == 0) {
-      out->groups.assign(groups, groups + glen / sizeof(gid_t));
+      p.groups.assign(groups, groups + glen / sizeof(gid_t));
    } else if (errno == ERANGE) {
       // More groups than fit: ask again with the size the kernel said.
-      out->groups.resize(glen / sizeof(gid_t));
-      if (::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, out->groups.data(), &glen) != 0) out->groups.clear();
-      out->groups.resize(glen / sizeof(gid_t));
+      p.groups.resize(glen / sizeof(gid_t));
+      if (::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, p.groups.data(), &glen) != 0) glen = 0;
+      p.groups.resize(glen / sizeof(gid_t));
    }
 #endif
-   return true;
+   return p;
 }
 
 bool PeerTrust::admits(PeerCredentials const & p) const {

@@ -25,9 +25,10 @@ struct PeerCredentials {
    std::vector<gid_t> groups;  // supplementary groups, where the kernel tells them
 };
 
-// The credentials of the peer of the connected Unix-domain socket `fd`;
-// false (errno set) when the kernel does not give them.
-bool peerCredentials(int fd, PeerCredentials * out);
+// The credentials of the peer of the connected Unix-domain socket `fd`
+// (pid 0 and uid -1, whom only `anyone` admits, should the kernel not give
+// them).
+PeerCredentials peerCredentials(int fd);
 
 struct PeerTrust {
    // Besides root and this process's user: these users, members of these
