@@ -9,6 +9,7 @@
 #include "Pipe.h"
 
 #include <Kel/Log.h>
+#include <Kel/Trace.h>
 
 #include <gtest/gtest.h>
 
@@ -89,7 +90,16 @@ TEST(ServeMount, AClientHearsTheTreeTheServersDeathOnceAndTheTreeAgainAfterBacki
    // While the server is away, every attempt fails with its reason and
    // waits twice as long as the last, up to the longest back-off; onClosed
    // hears nothing more.
-   ASSERT_TRUE(loop.runUntil([&] { return failures.size() >= 4; }, 5000));
+   std::vector<std::string> traced;  // failures traced at level 0
+   Kel::traceSinkIs([&](char const * facility, int level, Kel::String8 const & msg) {
+      if (std::string(facility) == "Kel::Agent" && level == 0) traced.push_back(msg.str().substr(0, 10));
+   });
+   ASSERT_TRUE(loop.runUntil([&] { return failures.size() >= 5; }, 5000));
+   Kel::traceSinkIs(nullptr);
+   // Attempts 1, 2, 4, 8, ... only, so that a long outage writes few lines.
+   ASSERT_GE(traced.size(), 3u);
+   EXPECT_EQ(std::vector<std::string>(traced.begin(), traced.begin() + 3),
+             (std::vector<std::string>{"attempt 1 ", "attempt 2 ", "attempt 4 "}));
    EXPECT_EQ(failures[0], "cannot connect to " + path + ": " + std::strerror(ECONNREFUSED));
    EXPECT_EQ(delays[0], 40);
    EXPECT_EQ(delays[1], 80);
@@ -132,6 +142,7 @@ TEST(ServeMount, AMountOfAPathThatNamesNothingReachesTheClientWithTheServersReas
    doomed->onClosed = [&](Kel::String8 const &) { doomed.reset(); };
    doomed->onAttemptFailed = [&](Kel::String8 const &) { ADD_FAILURE() << "called on a deleted client"; };
    EXPECT_TRUE(loop.runUntil([&] { return !doomed; }, 5000));
+   loop.runUntil([] { return false; }, 20);  // no retry of the deleted client comes
 }
 
 namespace {

@@ -120,13 +120,15 @@ void Server::listening() {
    loop_.add(this);
 }
 
+Server::Connection::~Connection() {
+   loop.remove(writer.get());
+   loop.timerDel(mountTimer);
+   writer.reset();
+   ::close(fd);
+}
+
 Server::~Server() {
-   for (auto & [fd, c] : writers_) {
-      loop_.remove(c.writer.get());
-      loop_.timerDel(c.mountTimer);
-      c.writer.reset();
-      ::close(fd);
-   }
+   writers_.clear();
    if (fd_ >= 0) {
       loop_.remove(this);
       loop_.timerDel(resumeTimer_);
@@ -179,28 +181,24 @@ void Server::accepted(int c) {
       refuse(c, format("more than %zu connections", options_.limits.connections));
       return;
    }
-   auto w = std::make_unique<Writer>(c, root_, name_, options_.limits);
-   Writer * raw = w.get();
-   w->closeHandlerIs([this, c](String8 const & why) {
+   Connection & conn = writers_.try_emplace(c, loop_, c).first->second;
+   conn.writer = std::make_unique<Writer>(c, root_, name_, options_.limits);
+   conn.order = ++accepted_;
+   conn.peer = std::move(peer);
+   conn.writer->closeHandlerIs([this, c](String8 const & why) {
       KEL_TRACE(trace, 1, "connection " + String8(std::to_string(c)) + " of " + name_ + " closed: " + why);
-      auto it = writers_.find(c);
-      if (it == writers_.end()) return;
-      loop_.timerDel(it->second.mountTimer);
-      writers_.erase(it);  // deletes the writer: it is no longer in the loop
-      ::close(c);
+      writers_.erase(c);  // the loop has dropped the writer: it can go
    });
    // A peer that connects and never asks for a mount costs a descriptor
-   // for this long only.
-   auto timer = loop_.timerIs(options_.limits.mountWait, [this, c, raw] {
-      auto it = writers_.find(c);
-      if (it == writers_.end() || it->second.writer.get() != raw) return;
-      it->second.mountTimer = 0;
-      if (!raw->serving()) {
-         raw->close(format("no mount request within %lld ms", (long long)options_.limits.mountWait.count()));
+   // for this long only. (The timer goes with its connection.)
+   conn.mountTimer = loop_.timerIs(options_.limits.mountWait, [this, c] {
+      Connection & late = writers_.at(c);
+      late.mountTimer = 0;
+      if (!late.writer->serving()) {
+         late.writer->close(format("no mount request within %lld ms", (long long)options_.limits.mountWait.count()));
       }
    });
-   loop_.add(raw);
-   writers_[c] = Connection{std::move(w), timer, ++accepted_, std::move(peer)};
+   loop_.add(conn.writer.get());
 }
 
 bool Server::makeRoom(PeerCredentials const & peer) {
@@ -218,15 +216,10 @@ bool Server::makeRoom(PeerCredentials const & peer) {
                int64_t(peer.pid));
       return false;
    }
-   Connection & c = idle->second;
-   logEvent(serverFullMessage(), where(), held, "closed an idle connection", uint64_t(c.peer.uid),
-            int64_t(c.peer.pid));
-   int fd = idle->first;
-   sendClose(fd, format("closed for a newer connection: more than %zu connections", options_.limits.connections));
-   loop_.remove(c.writer.get());
-   loop_.timerDel(c.mountTimer);
+   PeerCredentials const & gone = idle->second.peer;
+   logEvent(serverFullMessage(), where(), held, "closed an idle connection", uint64_t(gone.uid), int64_t(gone.pid));
+   sendClose(idle->first, format("closed for a newer connection: more than %zu connections", options_.limits.connections));
    writers_.erase(idle);
-   ::close(fd);
    return true;
 }
 

@@ -86,7 +86,15 @@ class Server : public ActivityLoop::Source {
    Options options_;
    std::string error_;
    PeerRefusals refusals_;
+   // A reader's connection: when it goes, it leaves the loop, cancels its
+   // timer and closes its descriptor.
    struct Connection {
+      Connection(ActivityLoop & l, int d) : loop(l), fd(d) {}
+      ~Connection();
+      Connection(Connection const &) = delete;
+      Connection & operator=(Connection const &) = delete;
+      ActivityLoop & loop;
+      int fd;
       std::unique_ptr<Writer> writer;
       ActivityLoop::TimerId mountTimer = 0;  // until the peer asks for a mount
       uint64_t order = 0;                    // accepted as the n-th
