@@ -81,12 +81,9 @@ TEST(ConfigApply, AFileBecomesExactlyItsSettingsAndAReloadOnlyItsEdits) {
    EXPECT_TRUE(IntfApp::setsMtu(*t.intfs->intfConfig(IntfId("Ethernet3"))));
    EXPECT_EQ(t.global->loadInterval(), LoadInterval());
    EXPECT_EQ(heard->calls, 2);  // Ethernet2 removed, Ethernet3 added
-}
 
-TEST(ConfigApply, AMoveToAnotherNamespaceAloneCountsAsAChange) {
-   Tree t;
-   applyConfig(parseConfig("Ethernet1 mtu=9000\n", "a"), t);
-   EXPECT_EQ(counts(applyConfig(parseConfig("Ethernet1 mtu=9000 netns=red\n", "a"), t)),
-             "0+ 1~ 0-");
+   // A move to another namespace alone is a change.
+   EXPECT_EQ(counts(applyConfig(parseConfig("Ethernet1 description=up1 load-interval=30 netns=red\n"
+                                            "Ethernet3 mtu=1400\n", "a"), t)), "0+ 1~ 0-");
    EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet1"))->netNsName().name(), "red");
 }

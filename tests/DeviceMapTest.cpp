@@ -130,7 +130,6 @@ TEST(DeviceMap, AReconfigurationSaysWhichDevicesAndInterfacesItMoved) {
       {"red", "b", "Ethernet1", true},       // came
       {"default", "x", "Ethernet5", true},   // the interface moved
       {"default", "c", "Ethernet1", true},   // another interface
-      {"default", "x", "Ethernet6", true},
       {"default", "x", "Ethernet7", true},
       {"", "d", "Ethernet1", true},          // new; "" is the default namespace
       {"default", "x", "Ethernet9", false},

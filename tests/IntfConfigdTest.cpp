@@ -3,6 +3,7 @@
 // file edited under it (good edits arrive, a bad one changes nothing and is
 // reported with its line), a clean stop, and the check mode's verdicts.
 #include "ChildProcess.h"
+#include "ProgramLog.h"
 
 #include <Intf/GlobalIntfConfig.h>
 #include <Intf/IntfStatusDir.h>
@@ -125,14 +126,6 @@ TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) 
    EXPECT_TRUE(client.synced());
    EXPECT_TRUE(closes.empty()) << closes[0];
 
-   // Still serving the last good configuration to a new reader.
-   Kel::NboAttrLog::Client late(agent.loop, sock, "intf");
-   ASSERT_TRUE(agent.loop.runUntil([&] { return late.synced(); }, 5000));
-   auto lateIntfs = Kel::dynamicCast<AllIntfConfigDir>(late.root());
-   ASSERT_TRUE(lateIntfs);
-   EXPECT_EQ(lateIntfs->intfConfigSize(), 2u);
-   EXPECT_EQ(lateIntfs->intfConfig(IntfId("Ethernet1"))->mtu(), 1400u);
-
    // SIGTERM: a clean exit that takes its socket file along.
    ASSERT_EQ(::kill(agent.pid, SIGTERM), 0);
    EXPECT_EQ(agent.exitStatus(), 0);
@@ -187,4 +180,16 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
    }
    struct stat st;
    EXPECT_NE(::stat(sock.c_str(), &st), 0);  // refused before serving
+}
+
+TEST(ProgramLog, LinesAreTimedUnlessStandardErrorIsTheJournals) {
+   struct stat st;
+   ASSERT_EQ(::fstat(2, &st), 0);
+   std::string own = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+   for (auto const & [value, journal] : {std::pair{own, true}, std::pair{own + "1", false}, std::pair{std::string("x"), false}}) {
+      ::setenv("JOURNAL_STREAM", value.c_str(), 1);
+      EXPECT_EQ(IntfApp::underJournal(), journal) << value;
+   }
+   ::unsetenv("JOURNAL_STREAM");
+   EXPECT_FALSE(IntfApp::underJournal());
 }

@@ -40,14 +40,6 @@ TEST(MetricsText, FamiliesAndSamplesWithEscapedLabels) {
              "intf_in_bps{interface=\"z\"} 1e+21\n");
 }
 
-TEST(MetricsText, NamesFollowTheFormatsRules) {
-   EXPECT_TRUE(MetricsText::validName("intf:in_octets_total", false));
-   EXPECT_FALSE(MetricsText::validName("intf:in", true));  // no colon in a label name
-   EXPECT_FALSE(MetricsText::validName("9lives", false));
-   EXPECT_FALSE(MetricsText::validName("", true));
-   EXPECT_FALSE(MetricsText::validName("in-octets", false));
-}
-
 TEST(MetricsServer, RequestHeadsAreReadOrRefusedWithTheirStatus) {
    struct Case {
       char const * head;
@@ -130,8 +122,6 @@ TEST(MetricsServer, AnswersEachKindOfRequestOverRealConnections) {
              "HTTP/1.1 404 Not Found");
    EXPECT_EQ(firstLine(exchange(loop, server.port(), "POST /metrics HTTP/1.1\r\n\r\n")),
              "HTTP/1.1 405 Method Not Allowed");
-   EXPECT_EQ(firstLine(exchange(loop, server.port(), "\x16\x03\x01 hello\r\n\r\n")),
-             "HTTP/1.1 400 Bad Request");
    EXPECT_EQ(firstLine(exchange(loop, server.port(), "GET /metrics HTTP/1.1\r\nX: " +
                                                         std::string(9000, 'x'))),
              "HTTP/1.1 431 Request Header Fields Too Large");
@@ -188,12 +178,13 @@ TEST(MetricsServer, AScrapeIsAnsweredWhileIdleAndTricklingClientsHoldEveryConnec
 }
 
 TEST(MetricsServer, ABadAddressIsRefusedWithItsReason) {
-   EXPECT_EQ(MetricsServer("localhost", [] { return std::string(); }).error(),
-             "address must be HOST:PORT, [IPv6]:PORT or :PORT, not \"localhost\"");
-   EXPECT_EQ(MetricsServer("host:99999", [] { return std::string(); }).error(),
-             "address must be HOST:PORT, [IPv6]:PORT or :PORT, not \"host:99999\"");
-   EXPECT_EQ(MetricsServer("example:80", [] { return std::string(); }).error(),
-             "not an IP address: \"example\"");
+   for (auto [address, error] : {std::pair{"localhost", "address must be HOST:PORT, [IPv6]:PORT or :PORT, not \"localhost\""},
+                                 std::pair{"host:99999", "address must be HOST:PORT, [IPv6]:PORT or :PORT, not \"host:99999\""},
+                                 std::pair{"example:80", "not an IP address: \"example\""}}) {
+      EXPECT_EQ(MetricsServer(address, [] { return std::string(); }).error(), error);
+   }
+   // IPv6 literals are taken as such (binding may still fail where IPv6 is off).
+   EXPECT_NE(MetricsServer("[::1]:0", [] { return std::string(); }).error(), "not an IP address: \"::1\"");
    MetricsServer any(":0", [] { return std::string(); });
    EXPECT_TRUE(any.valid()) << any.error();
    EXPECT_GT(any.port(), 0);

@@ -114,6 +114,7 @@ TEST(ServeMount, AClientHearsTheTreeTheServersDeathOnceAndTheTreeAgainAfterBacki
    ASSERT_TRUE(loop.runUntil([&] { return syncs.size() == 2; }, 10000));
    EXPECT_EQ(syncs[1], 3u);
    EXPECT_EQ(client.failedAttempts(), 0u);
+   EXPECT_EQ(client.retryDelay(), 0ms);
    ::kill(second, SIGKILL);
    ::waitpid(second, nullptr, 0);
    ASSERT_TRUE(loop.runUntil([&] { return closes.size() == 2; }, 5000));
@@ -170,22 +171,6 @@ std::string mountAsNobody(std::string const & path) {
    return c.synced() ? "synced" : c.lastClose().str();
 }
 
-struct CapturedLog {
-   CapturedLog() {
-      Kel::logSinkIs(sink);
-      Kel::logClockIs(nullptr);
-   }
-   ~CapturedLog() { Kel::logSinkIs(nullptr); }
-   std::vector<std::string> lines(std::string const & name) const {
-      std::vector<std::string> l;
-      for (auto const & e : sink->events) {
-         if (e.message->name == name) l.push_back(Kel::logLine(e).str());
-      }
-      return l;
-   }
-   std::shared_ptr<Kel::CapturingLogSink> sink = std::make_shared<Kel::CapturingLogSink>();
-};
-
 } // namespace
 
 TEST(ServeMount, OnlyTrustedPeersMountOrServeAndEachRefusedPeerIsLoggedOnce) {
@@ -193,7 +178,14 @@ TEST(ServeMount, OnlyTrustedPeersMountOrServeAndEachRefusedPeerIsLoggedOnce) {
    auto dir = Kel::makePtr<Interface::AllIntfConfigDir>(Kel::Name("config"));
    std::string name = "@intf-trust-" + std::to_string(::getpid());
    Kel::ActivityLoop loop;
-   CapturedLog log;
+   auto sink = std::make_shared<Kel::CapturingLogSink>();
+   Kel::logSinkIs(sink);
+   Kel::logClockIs(nullptr);
+   auto logged = [&] {
+      std::vector<std::string> l;
+      for (auto const & e : sink->events) l.push_back(Kel::logLine(e).str());
+      return l;
+   };
    std::string refusedNobody = "refused peer uid 65534 gid 65534 pid ";
 
    // A reader as nobody is refused, told why, and logged once however often it comes.
@@ -209,7 +201,7 @@ TEST(ServeMount, OnlyTrustedPeersMountOrServeAndEachRefusedPeerIsLoggedOnce) {
       std::string why = "uid 65534 is not root, not an allowed user, not in an allowed group";
       std::string refused = "writer closed the connection: not allowed: " + why;
       EXPECT_EQ(told.receive(), refused + "|" + refused);
-      EXPECT_EQ(log.lines("KEL_PEER_REFUSED"),
+      EXPECT_EQ(logged(),
                 std::vector<std::string>{"KEL_PEER_REFUSED WARNING: server on " + name + ": " + refusedNobody +
                                          std::to_string(child.pid) + ": " + why});
       child.pid = -1;
@@ -238,13 +230,14 @@ TEST(ServeMount, OnlyTrustedPeersMountOrServeAndEachRefusedPeerIsLoggedOnce) {
    Client refused(loop, name, "");
    EXPECT_EQ(refused.lastClose(), "the server at " + name + " is not trusted: uid 65534 is not root");
    EXPECT_FALSE(refused.synced());
-   EXPECT_EQ(log.lines("KEL_PEER_REFUSED").back(), "KEL_PEER_REFUSED WARNING: client of " + name + ": " +
+   EXPECT_EQ(logged().back(), "KEL_PEER_REFUSED WARNING: client of " + name + ": " +
                                                        refusedNobody + std::to_string(server.pid) +
                                                        ": uid 65534 is not root");
    Client::Options trusting;
    trusting.servers.uids = {65534};
    Client admitted(loop, name, "", trusting);
    EXPECT_TRUE(loop.runUntil([&] { return admitted.synced(); }, 5000)) << admitted.lastClose();
+   Kel::logSinkIs(nullptr);
 }
 
 TEST(ServeMount, ASocketFileGetsItsModeAndALiveServersPathIsNeitherTakenNorRemoved) {
@@ -305,7 +298,7 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    std::string name = "@intf-list-" + std::to_string(::getpid());
    Kel::ActivityLoop loop;
    Kel::NboAttrLog::ConnectionLimits small;
-   small.bufferBytes = 64;
+   small.bufferBytes = 47;  // the served root's entry, not the next one (but the one after)
    Server server(loop, name, root, "agent"), tight(loop, name + "-tight", root, "agent", small);
    // The server answers from this process's loop: list from another thread.
    struct Listing {
@@ -356,6 +349,7 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    } const cases[] = {
       {answer, true, "", 1},
       {answer.substr(0, 20), false, "", 0},
+      {answer.substr(0, 25), false, "", 0},  // all but its last byte
       {std::string("\0\0\0\x05\x0c\0\0\0\x02", 9), true, "malformed answer: truncated message", 0},
       {std::string("\0\0\0\x01\x07", 5), true, "malformed answer: message type 7", 0},
       {std::string("\x10\0\0\0\x0c", 5), true, "malformed answer: a frame of 268435456 bytes", 0},
