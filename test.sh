@@ -35,6 +35,13 @@ for program in consumer intf_watch; do
       $(PKG_CONFIG_PATH="$stage/prefix/lib/pkgconfig" pkg-config --cflags --libs intf)
 done
 "$stage/consumer-pc"
+echo "== installed programs and service units"
+for p in intf-configd intf-agent intf-show intf-traffic; do "$stage/prefix/bin/$p" --version; done
+if command -v systemd-analyze >/dev/null; then
+   systemd-analyze verify "$stage"/prefix/lib/systemd/system/intf-*.service
+else
+   echo "no systemd-analyze here: the service units are not checked"
+fi
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \

@@ -1,7 +1,8 @@
 // The host agent at work: its processor time per interface per sample over
-// many namespaces' devices, and the time of a monitoring scrape of its
+// many namespaces' devices, the time of a monitoring scrape of its
 // metrics page against the host metrics exporter an operator would run
-// otherwise (only its network-device collector, the same devices).
+// otherwise (only its network-device collector, the same devices), and a
+// scrape's time while idle and slow clients crowd the metrics port.
 #include "Bench.h"
 
 #include <arpa/inet.h>
@@ -14,6 +15,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -206,11 +208,83 @@ double versusNodeExporter() {
    return ratio;
 }
 
+// A TCP connection to the agent's metrics port that sends nothing yet, or -1.
+int idleClient(int port) {
+   int s = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   sockaddr_in a{};
+   a.sin_family = AF_INET;
+   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+   a.sin_port = htons(uint16_t(port));
+   if (::connect(s, reinterpret_cast<sockaddr *>(&a), sizeof a) != 0) {
+      ::close(s);
+      return -1;
+   }
+   return s;
+}
+
+// The 99th percentile of 200 scrapes 10 ms apart, in milliseconds.
+double scrapeP99(int port) {
+   std::vector<double> t;
+   for (int i = 0; i < 200; ++i) {
+      double a = now();
+      bool ok = get(port).find(" 200 ") != std::string::npos;
+      t.push_back(ok ? now() - a : 1e9);
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+   }
+   std::sort(t.begin(), t.end());
+   return t[t.size() * 99 / 100] * 1e3;
+}
+
+// The normal scrape's p99 while, on loopback and for a bounded time, 500
+// clients hold connections open without a word, and then while 100 clients
+// send their requests one byte every 0.5 s; the same scrapes without
+// either are the baseline. The figure is the worse of the two attacks.
+double scrapeUnderAttack() {
+   std::string dir = "/tmp/intf-bench-agent-" + std::to_string(::getpid());
+   sh("mkdir -p " + dir + "/netns");
+   int port = 41000 + ::getpid() % 1000;
+   pid_t agent = spawn({INTF_AGENT, "--socket", dir + "/agent.sock", "--config-socket", dir + "/none.sock",
+                        "--netns-dir", dir + "/netns", "--interval", "1", "--shm-prefix", shmPrefix,
+                        "--metrics", "127.0.0.1:" + std::to_string(port)});
+   double worst = NAN;
+   if (waitServing(port)) {
+      double quiet = scrapeP99(port);
+      std::vector<int> idle;
+      for (int i = 0; i < 500; ++i) idle.push_back(idleClient(port));
+      double idleP99 = scrapeP99(port);
+      for (int fd : idle) ::close(fd);
+      std::vector<int> slow;
+      for (int i = 0; i < 100; ++i) slow.push_back(idleClient(port));
+      std::atomic<bool> done{false};
+      std::thread trickle([&] {
+         static char const req[] = "GET /metrics HTTP/1.1\r\nHost: slow\r\n";
+         for (size_t at = 0; !done; at = (at + 1) % (sizeof req - 1)) {
+            for (int fd : slow) ::send(fd, req + at, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+            for (int i = 0; i < 50 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+         }
+      });
+      double slowP99 = scrapeP99(port);
+      done = true;
+      trickle.join();
+      for (int fd : slow) ::close(fd);
+      worst = std::max(idleP99, slowP99);
+      std::printf("agent.scrape_p99_ms_under_attack: p99 of 200 scrapes: %.2f ms with 500 idle connections, "
+                  "%.2f ms with 100 clients sending a byte every 0.5 s, %.2f ms without either (baseline)\n",
+                  idleP99, slowP99, quiet);
+   } else {
+      std::printf("agent.scrape_p99_ms_under_attack: the agent's metrics server did not answer\n");
+   }
+   stop(agent);
+   sh("rm -rf " + dir + " /dev/shm/" + shmPrefix.substr(1) + "*");
+   return worst;
+}
+
 } // namespace
 
 void registerAgentBenches() {
    addFigure("agent.sample_us_per_intf", "5", &samplePerInterface);
    addFigure("agent.vs_node_exporter", "0.5", &versusNodeExporter);
+   addFigure("agent.scrape_p99_ms_under_attack", "100", &scrapeUnderAttack);
 }
 
 } // namespace IntfBench

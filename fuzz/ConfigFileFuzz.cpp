@@ -19,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const * data, size_t size) {
          if (!ids.insert(s.intfId.intfIdValue()).second || s.line == 0 || s.line > lines) {
             __builtin_trap();
          }
-         if (s.mtu && (*s.mtu < 68 || *s.mtu > 65535)) __builtin_trap();
+         if (s.mtu && (*s.mtu < 1 || *s.mtu > IntfApp::maxMtu)) __builtin_trap();
       }
    } catch (IntfApp::ConfigError const & e) {
       if (e.line() > lines) __builtin_trap();

@@ -49,6 +49,8 @@ TEST(ConfigApply, AFileBecomesExactlyItsSettingsAndAReloadOnlyItsEdits) {
    ASSERT_TRUE(e2);
    EXPECT_EQ(e2->adminEnabledStateLocal(), IntfEnabledState::enabled);
    EXPECT_EQ(e2->mtu(), 1500u);
+   EXPECT_TRUE(IntfApp::setsMtu(*e1));
+   EXPECT_FALSE(IntfApp::setsMtu(*e2));  // the device keeps its MTU
    EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet2"))->netNsName().name(), "blue");
    EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet1"))->netNsName().name(), "default");
 
@@ -72,17 +74,16 @@ TEST(ConfigApply, AFileBecomesExactlyItsSettingsAndAReloadOnlyItsEdits) {
    EXPECT_EQ(t.intfs->intfConfig(IntfId("Ethernet1")), e1);  // the same entity, changed
    EXPECT_EQ(e1->adminEnabledStateLocal(), IntfEnabledState::unknownEnabledState);
    EXPECT_EQ(e1->mtu(), 1500u);
+   EXPECT_FALSE(IntfApp::setsMtu(*e1));
    EXPECT_FALSE(t.intfs->intfConfig(IntfId("Ethernet2")));
    EXPECT_FALSE(t.namespaces->intfNamespaceConfig(IntfId("Ethernet2")));
    EXPECT_EQ(t.intfs->intfConfig(IntfId("Ethernet3"))->mtu(), 1400u);
+   EXPECT_TRUE(IntfApp::setsMtu(*t.intfs->intfConfig(IntfId("Ethernet3"))));
    EXPECT_EQ(t.global->loadInterval(), LoadInterval());
    EXPECT_EQ(heard->calls, 2);  // Ethernet2 removed, Ethernet3 added
-}
 
-TEST(ConfigApply, AMoveToAnotherNamespaceAloneCountsAsAChange) {
-   Tree t;
-   applyConfig(parseConfig("Ethernet1 mtu=9000\n", "a"), t);
-   EXPECT_EQ(counts(applyConfig(parseConfig("Ethernet1 mtu=9000 netns=red\n", "a"), t)),
-             "0+ 1~ 0-");
+   // A move to another namespace alone is a change.
+   EXPECT_EQ(counts(applyConfig(parseConfig("Ethernet1 description=up1 load-interval=30 netns=red\n"
+                                            "Ethernet3 mtu=1400\n", "a"), t)), "0+ 1~ 0-");
    EXPECT_EQ(t.namespaces->intfNamespaceConfig(IntfId("Ethernet1"))->netNsName().name(), "red");
 }

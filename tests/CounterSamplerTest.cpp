@@ -71,3 +71,26 @@ TEST(CounterSampler, MulticastThatRestartedAloneStaysWithinThePackets) {
    foldSample(c, stats(110, 0, 0, 0, 5), 1.0, every30, global);  // multicast went back
    EXPECT_EQ(c.totals.inMulticastPkts() + c.totals.inUcastPkts(), 110u);
 }
+
+TEST(CounterSampler, ANewRunGoesOnFromAFreshRowOfTheLastOneAsIfItHadNeverStopped) {
+   DeviceCounters last;
+   foldSample(last, stats(1000, 64000, 10, 1000, 100), 100.0, every30, global);
+   foldSample(last, stats(4000, 364000, 20, 2000, 130), 130.0, every30, global);
+   LinkStats now = stats(4100, 374000, 25, 2500, 131);
+   DeviceCounters unbroken = last;
+   foldSample(unbroken, now, 131.0, every30, global);
+
+   DeviceCounters resumed;
+   ASSERT_TRUE(IntfApp::resumeFrom(resumed, last.totals, last.rates, 131.0, 30));
+   foldSample(resumed, now, 131.0, every30, global);
+   EXPECT_EQ(resumed.totals, unbroken.totals);
+   EXPECT_EQ(resumed.rates, unbroken.rates);
+   EXPECT_EQ(resumed.restarts, 0u);
+
+   // A row older than the load interval, or from another boot's clock, is not taken up.
+   for (double at : {160.5, 129.0}) {
+      DeviceCounters fresh;
+      EXPECT_FALSE(IntfApp::resumeFrom(fresh, last.totals, last.rates, at, 30)) << at;
+      EXPECT_FALSE(fresh.primed);
+   }
+}

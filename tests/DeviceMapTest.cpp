@@ -116,3 +116,28 @@ TEST(DeviceMap, AReleasedDeviceFreesItsInterfaceAndAClashIsRefused) {
    plain.configure(IntfApp::parseConfig("Ethernet3 device=y\n", "c"));
    EXPECT_EQ(mapped(plain, dev("default", "y", 8)), "none: Ethernet3 is already device 3 in default");
 }
+
+TEST(DeviceMap, AReconfigurationSaysWhichDevicesAndInterfacesItMoved) {
+   DeviceMap m(IntfApp::parseConfig("Ethernet4 device=a\nEthernet5 device=b netns=blue\nEthernet6 device=c\n", "c"));
+   auto c = m.configure(IntfApp::parseConfig(
+         "Ethernet4 device=a\nEthernet5 device=b netns=red\nEthernet7 device=c\nEthernet8 device=d\n", "c"));
+   struct Case {
+      char const *ns, *device, *intf;
+      bool touched;
+   } const cases[] = {
+      {"default", "a", "Ethernet4", false},  // unchanged
+      {"blue", "b", "Ethernet1", true},      // left
+      {"red", "b", "Ethernet1", true},       // came
+      {"default", "x", "Ethernet5", true},   // the interface moved
+      {"default", "c", "Ethernet1", true},   // another interface
+      {"default", "x", "Ethernet7", true},
+      {"", "d", "Ethernet1", true},          // new; "" is the default namespace
+      {"default", "x", "Ethernet9", false},
+   };
+   for (auto const & k : cases) {
+      EXPECT_EQ(c.touches(k.ns, k.device, Zenet::IntfId(k.intf)), k.touched) << k.ns << "/" << k.device << " " << k.intf;
+   }
+   EXPECT_TRUE(m.configure(IntfApp::parseConfig("Ethernet4 device=a\nEthernet5 device=b netns=red\n"
+                                                "Ethernet7 device=c\nEthernet8 device=d\n", "c"))
+                     .devices.empty());
+}

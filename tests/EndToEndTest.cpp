@@ -9,15 +9,19 @@
 
 #include "LinkSocket.h"
 
+#include <Kel/Agent.h>
+#include <Kel/Dir.h>
 #include <Smash/Table.h>
 
 #include <gtest/gtest.h>
 
 #include <linux/netlink.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
 #include <regex>
+#include <sstream>
 
 using namespace IntfTest;
 
@@ -86,7 +90,7 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
                agentSock = dir.path + "/agent.sock";
    auto writeConfig = [&](int mtu) {
       std::ofstream(cfg + ".new") << "global load-interval=5\nLoopback7 device=lo netns=" << ns.name()
-                                  << " mtu=" << mtu << " description=\"e2e\"\n";
+                                  << " mtu=" << mtu << " description=\"e2e\"\nEthernet99 admin=up\n";
       std::rename((cfg + ".new").c_str(), cfg.c_str());
    };
    writeConfig(16000);
@@ -117,6 +121,28 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
    EXPECT_EQ(textField(s.out, "Loopback7", "operStatus"), "up");
    EXPECT_EQ(textField(s.out, "Loopback7", "namespace"), ns.name());
    EXPECT_EQ(textField(s.out, "Loopback7", "description"), "e2e");
+
+   // Named by its device; a configured interface with no device is listed
+   // as not present; a watch into a pipe writes one JSON line per showing
+   // and no terminal escapes.
+   EXPECT_EQ(textField(show(showArgs + " --json interface " + ns.name() + "/lo").out, "Loopback7", "description"),
+             "e2e");
+   s = show(showArgs + " --json status");
+   EXPECT_EQ(textField(s.out, "Ethernet99", "operStatus"), "notPresent") << s.out;
+   EXPECT_EQ(textField(s.out, "Ethernet99", "adminConfigured"), "up") << s.out;
+   {
+      Child watching(loop, INTF_SHOW,
+                     {"--socket", agentSock, "--config-socket", configSock, "--shm-prefix", prefix, "--json",
+                      "--watch", "0.1", "rates"});
+      ASSERT_TRUE(loop.runUntil([&] { return std::count(watching.stdout_.text.begin(), watching.stdout_.text.end(), '\n') >= 3; }, 10000));
+      ::kill(watching.pid, SIGINT);
+      EXPECT_EQ(watching.exitStatus(), 0);
+      std::istringstream lines(watching.stdout_.text);
+      for (std::string line; std::getline(lines, line);) {
+         EXPECT_EQ(line.rfind("{\"version\": 1, \"command\": \"rates\"", 0), 0u) << line;
+      }
+      EXPECT_EQ(watching.stdout_.text.find('\033'), std::string::npos);
+   }
 
    // Traffic: the counters grow by what was sent, as the kernel counts it
    // (each datagram is 1000 bytes of payload plus its UDP and IP headers;
@@ -178,17 +204,48 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
 }
 
 TEST(EndToEnd, TheShowCommandAndTheWatcherSayWhatIsWrong) {
-   TempDir dir;
    for (char const * bad : {"--interval soon", "--bogus x", "--socket"}) {
       Shown w = run(INTF_WATCH, bad);
       EXPECT_EQ(w.status, 2);
       EXPECT_NE(w.out.find("usage: intf-watch"), std::string::npos) << w.out;
    }
-   Shown s = show("--socket " + dir.path + "/nobody.sock --config-socket '' status");
-   EXPECT_EQ(s.status, 1);
-   EXPECT_NE(s.out.find("no interface agent answers at " + dir.path + "/nobody.sock"), std::string::npos) << s.out;
-   EXPECT_NE(s.out.find("Is intf-agent running?"), std::string::npos) << s.out;
-   s = show("--socket x bogus");
-   EXPECT_EQ(s.status, 2);
-   EXPECT_NE(s.out.find("unknown command \"bogus\""), std::string::npos) << s.out;
+   TempDir dir;
+   ASSERT_EQ(::chmod(dir.path.c_str(), 0755), 0);
+   Kel::ActivityLoop loop;
+   Kel::registerTypes<Kel::Dir>();
+   auto tree = Kel::makePtr<Kel::Dir>(Kel::Name("agent"));
+   // A server that holds as many connections as it may, all mounted.
+   std::string full = "@intf-e2e-full-" + std::to_string(::getpid());
+   Kel::NboAttrLog::ConnectionLimits one;
+   one.connections = 1;
+   Kel::NboAttrLog::Server busy(loop, full, tree, "agent", one);
+   Kel::NboAttrLog::Client holder(loop, full, "");
+   ASSERT_TRUE(loop.runUntil([&] { return holder.synced(); }, 5000));
+   // Root's server, its socket file for root alone.
+   Kel::NboAttrLog::Server rootOnly(loop, dir.path + "/root.sock", tree, "agent");
+   bool root = ::geteuid() == 0;
+   struct Case {
+      std::vector<std::string> args;
+      uid_t runAs;
+      int status;
+      std::string says;
+      bool askToStart;
+   } cases[] = {
+      {{"--socket", dir.path + "/nobody.sock", "status"}, uid_t(-1), 1,
+       "no interface agent answers at " + dir.path + "/nobody.sock", true},
+      {{"--socket", full, "status"}, uid_t(-1), 1,
+       "more than 1 connections).\nThe agent holds as many connections as it allows", false},
+      {{"--socket", dir.path + "/root.sock", "status"}, root ? 65534 : uid_t(-1), 1,
+       root ? "You may not read it" : "", false},
+      {{"--socket", "x", "bogus"}, uid_t(-1), 2, "unknown command \"bogus\"", false},
+   };
+   for (auto & c : cases) {
+      c.args.insert(c.args.begin(), {"--config-socket", ""});
+      SCOPED_TRACE(c.args[3]);
+      Child run(loop, INTF_SHOW, c.args, c.runAs);
+      EXPECT_EQ(run.exitStatus(), c.status);
+      if (c.says.empty()) continue;  // not root: the socket is this user's own
+      EXPECT_TRUE(run.says(c.says)) << run.stderr_.text;
+      EXPECT_EQ(run.says("Is intf-agent running?"), c.askToStart) << run.stderr_.text;
+   }
 }

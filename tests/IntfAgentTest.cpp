@@ -14,26 +14,20 @@
 
 #include <Intf/IntfStatusDir.h>
 #include <Intf/SmashIntfCounter.h>
+#include <Intf/SyncMtu.h>
 #include <Kel/Agent.h>
-#include <Zenet/SocketAt.h>
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <grp.h>
 #include <net/if.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <memory>
 #include <regex>
@@ -154,14 +148,24 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_GE(std::stoull(octets.substr(octets.rfind(' ') + 1)), before + 20 * 1000);
    EXPECT_EQ(metricLine(page, "intf_mtu" + labels), "intf_mtu" + labels + " " + std::to_string(kernelMtu));
    EXPECT_EQ(metricLine(page, "intf_oper_up" + labels), "intf_oper_up" + labels + " 1");
-   EXPECT_FALSE(metricLine(page, "intf_in_bits_per_second" + labels).empty());
+   EXPECT_FALSE(metricLine(page, "intf_in_bytes_per_second" + labels).empty());
+   std::string packets = metricLine(page, "intf_in_packets_total" + labels);
+   ASSERT_FALSE(packets.empty()) << page;
+   EXPECT_GE(std::stoull(packets.substr(packets.rfind(' ') + 1)), 20u);
+   EXPECT_EQ(metricLine(page, "intf_present" + labels), "intf_present" + labels + " 1");
+   EXPECT_EQ(metricLine(page, "intf_admin_up" + labels), "intf_admin_up" + labels + " 1");
    EXPECT_NE(page.find("# TYPE intf_in_octets_total counter"), std::string::npos);
 
    // Killed without warning and started again: the new agent takes the
    // table over, and the reader's counter keeps moving without a look-up.
    agent->kill9();
    uint64_t atKill = counter->statistics().inOctets();
+   double lastUpdate = counter->statistics().lastUpdate();
+   ASSERT_GT(counter->rates().inPktsRate(), 0.0);
    agent = startAgent();
+   // Its first sample goes on from the row's rates rather than from 0.
+   ASSERT_TRUE(until([&] { return counter->statistics().lastUpdate() > lastUpdate; }));
+   EXPECT_GT(counter->rates().inPktsRate(), 0.0);
    sendUdp(20, 1000);
    EXPECT_TRUE(until([&] { return counter->statistics().inOctets() >= atKill + 20 * 1000; }))
          << atKill << " -> " << counter->statistics().inOctets() << "\n" << agent->stderr_.text;
@@ -229,7 +233,7 @@ TEST_F(IntfAgent, BadArgumentsAreRefusedBeforeAnythingStarts) {
       {{"--interval", "0"}, 2, "--interval takes seconds"},
       {{"--interval=soon"}, 2, "--interval takes seconds"},
       {{"--shm-prefix", "no-slash"}, 2, "--shm-prefix must start with '/'"},
-      {{"--bogus"}, 2, "unknown argument --bogus"},
+      {{"--bogus"}, 2, "unknown option --bogus"},
       {{"--socket"}, 2, "--socket needs a value"},
       {{"--config", "/nonexistent/intf.conf"}, 1, "/nonexistent/intf.conf:0: "},
       {{"--metrics", "127.0.0.1:notaport"}, 1, "metrics: "},
@@ -258,22 +262,27 @@ TEST_F(IntfAgent, AKernelRefusalIsLoggedOnceAndTheAgentCarriesOn) {
    ASSERT_GT(kernelMtu, 68u);
    std::string cfg = dir.path + "/intf.conf", configSock = dir.path + "/config.sock";
    std::ofstream(cfg) << "Loopback0 mtu=" << kernelMtu - 1 << "\n";
-   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock});
+   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock, "--allow-user", "65534"});
    ASSERT_TRUE(configd.waitFor("serving on")) << configd.stderr_.text;
-   ASSERT_EQ(::chmod(configSock.c_str(), 0777), 0);
-   Child agent(loop, INTF_AGENT, args(), runAs);
-   ASSERT_TRUE(agent.waitFor("INTF_AGENT_STARTED")) << agent.stderr_.text;
+   Child agent(loop, INTF_AGENT, args({"--log-level", "err"}), runAs);
    std::string refused = "INTF_AGENT_KERNEL_REFUSED ERR: Loopback0: the kernel refused MTU " +
                          std::to_string(kernelMtu - 1) + " on device lo in namespace default: ";
    ASSERT_TRUE(agent.waitFor(refused)) << agent.stderr_.text;
    EXPECT_TRUE(agent.says(refused + std::strerror(EPERM))) << agent.stderr_.text;
 
-   // Several intervals later: said once, not tried again, and still serving.
+   // Several intervals and a change elsewhere in the configuration later:
+   // said once, not tried again, and still serving.
+   std::ofstream(cfg + ".new") << "Loopback0 mtu=" << kernelMtu - 1 << " description=\"edited\"\n";
+   ASSERT_EQ(::rename((cfg + ".new").c_str(), cfg.c_str()), 0);
+   ASSERT_TRUE(configd.waitFor("0 added, 1 changed")) << configd.stderr_.text;
    loop.runUntil([] { return false; }, 1000);
    auto const & text = agent.stderr_.text;
    size_t first = text.find("INTF_AGENT_KERNEL_REFUSED");
    EXPECT_EQ(text.find("INTF_AGENT_KERNEL_REFUSED", first + 1), std::string::npos) << text;
-   Kel::NboAttrLog::Client client(loop, sock, "");
+   EXPECT_FALSE(agent.says("NOTICE")) << "less severe than the level asked for";
+   Kel::NboAttrLog::Client::Options trusting;  // the agent runs as nobody
+   trusting.servers.uids = {runAs};
+   Kel::NboAttrLog::Client client(loop, sock, "", trusting);
    ASSERT_TRUE(until([&] { return client.synced(); })) << text;
    Tree t(client.root());
    ASSERT_TRUE(t.complete());
@@ -283,60 +292,116 @@ TEST_F(IntfAgent, AKernelRefusalIsLoggedOnceAndTheAgentCarriesOn) {
    EXPECT_EQ(agent.exitStatus(), 0);
 }
 
-TEST_F(IntfAgent, ANamespaceThatAppearsIsModelledConfiguredAndForgottenWhenItGoes) {
-   if (::geteuid() != 0) GTEST_SKIP() << "needs root: makes a network namespace and changes its devices";
-   std::string ns = "intf-agent-test-" + std::to_string(::getpid());
-   // The namespace's loopback device, mapped explicitly and configured up
-   // with a jumbo MTU (a fresh namespace's lo is down, MTU 65536).
-   std::string cfg = dir.path + "/intf.conf";
-   std::ofstream(cfg) << "Loopback77 device=lo netns=" << ns << " admin=up mtu=9000\n";
-   std::string configSock = dir.path + "/config.sock";
-   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock});
-   ASSERT_TRUE(configd.waitFor("serving on")) << configd.stderr_.text;
-   auto agent = startAgent({"--config", cfg});
-   ASSERT_TRUE(agent->waitFor("INTF_AGENT_CONFIG_MOUNTED")) << agent->stderr_.text;
+TEST_F(IntfAgent, OnAHostItChangesOnlyWhatIsConfiguredTrustsOnlyItsPeersAndFollowsRemaps) {
+   if (::geteuid() != 0) GTEST_SKIP() << "needs root: makes network namespaces and changes their devices";
+   std::string tag = std::to_string(::getpid());
+   NetNs ns1("intf-agent-a-" + tag);
+   ASSERT_TRUE(ns1.ok()) << ns1.error();
+   auto device = [](NetNs const & ns) {
+      uint32_t mtu = 0;
+      bool up = false;
+      EXPECT_TRUE(deviceState(ns.name(), "lo", &mtu, &up));
+      return std::to_string(mtu) + (up ? " up" : " down");
+   };
+   // A fresh namespace's lo: down, MTU 65536.
+   std::string before = device(ns1);
+   std::string cfg = dir.path + "/intf.conf", configSock = "@intf-agent-config-" + tag;
+   auto configure = [&](std::string const & line) {
+      std::ofstream(cfg + ".new") << "Loopback77 device=lo " << line << "\n";
+      std::rename((cfg + ".new").c_str(), cfg.c_str());
+   };
+   configure("netns=" + ns1.name() + " admin=down mtu=1280");
+   ASSERT_EQ(::chmod(dir.path.c_str(), 0755), 0);  // nobody reads the file too
 
+   // Another user's configuration server on the agent's socket name is
+   // refused (logged with its uid and pid) and its file never applied.
+   auto impostor = std::make_unique<Child>(loop, INTF_CONFIGD,
+                                           std::vector<std::string>{"--config", cfg, "--socket", configSock}, 65534);
+   ASSERT_TRUE(impostor->waitFor("serving on")) << impostor->stderr_.text;
+   int port = freePort();
+   auto agent = startAgent({"--config", cfg, "--config-socket", configSock, "--metrics", "127.0.0.1:" + std::to_string(port)});
+   std::string refused = "KEL_PEER_REFUSED WARNING: client of " + configSock + ": refused peer uid 65534 gid 65534 pid " +
+                         std::to_string(impostor->pid) + ": uid 65534 is not root";
+   ASSERT_TRUE(agent->waitFor(refused)) << agent->stderr_.text;
+   EXPECT_TRUE(agent->waitFor("INTF_AGENT_CONFIG_WAITING"));
+   impostor.reset();
+
+   // The real one (root's): a line without settings leaves the device as it is.
+   configure("netns=" + ns1.name() + " description=\"nothing set\"");
+   Child configd(loop, INTF_CONFIGD, {"--config", cfg, "--socket", configSock});
+   ASSERT_TRUE(agent->waitFor("INTF_AGENT_CONFIG_MOUNTED")) << agent->stderr_.text;
    Kel::NboAttrLog::Client client(loop, sock, "");
    ASSERT_TRUE(until([&] { return client.synced(); })) << agent->stderr_.text;
    Tree t(client.root());
    ASSERT_TRUE(t.complete());
    IntfId lo77("Loopback77");
-   EXPECT_FALSE(t.status->intfStatus(lo77));
-
-   auto netns = std::make_unique<NetNs>(ns);
-   ASSERT_TRUE(netns->ok()) << netns->error();
-   ASSERT_TRUE(until([&] { return bool(t.status->intfStatus(lo77)); })) << agent->stderr_.text;
+   ASSERT_TRUE(until([&] { return t.status->intfStatus(lo77) && t.status->intfStatus(lo77)->counter(); }));
    auto lo = t.status->intfStatus(lo77);
-   EXPECT_EQ(lo->deviceName(), "lo");
-   EXPECT_EQ(t.kernel->intfStatus(Kel::String8(ns + "/lo")), lo);
-   ASSERT_TRUE(t.local->intfStatusLocal(lo77));
-   EXPECT_EQ(t.local->intfStatusLocal(lo77)->netNsName().name(), ns);
-   // The default namespace's lo keeps its own interface.
-   EXPECT_EQ(t.kernel->intfStatus("lo"), t.status->intfStatus(IntfId("Loopback0")));
+   std::string afterAgent = device(ns1);
+   EXPECT_EQ(afterAgent, before);
+   EXPECT_FALSE(lo->active());  // what the device has: not up
+   // Changed by hand, it stays as the operator left it.
+   ASSERT_EQ(Interface::setMtuInNs("lo", 1500, Zenet::NamespaceName(Kel::String8(ns1.name())), -1), 0);
+   ASSERT_TRUE(until([&] { return lo->mtu() == 1500; }));
+   loop.runUntil([] { return false; }, 600);  // three samples
+   EXPECT_EQ(device(ns1), "1500 down");
+   std::cout << "unconfigured lo of a namespace: " << before << " before the agent, " << afterAgent
+             << " with it running, " << device(ns1) << " after a hand change under it\n";
 
-   // The configuration reaches the device, and the status follows the kernel.
-   EXPECT_TRUE(until([&] { return lo->mtu() == 9000 && lo->operStatus() == IntfOperStatus::intfOperUp; }))
-         << "mtu " << lo->mtu() << " oper " << lo->operStatus() << "\n" << agent->stderr_.text;
-   uint32_t mtu = 0;
-   bool up = false;
-   ASSERT_TRUE(deviceState(ns, "lo", &mtu, &up));
-   EXPECT_EQ(mtu, 9000u);
-   EXPECT_TRUE(up);
-   EXPECT_EQ(lo->operStatusChange().count(), 1u);
-   EXPECT_GT(lo->operStatusChange().time(), 0.0);
-   EXPECT_TRUE(until([&] { return bool(lo->counter()); }));
-   EXPECT_TRUE(hasRow(client.root(), lo77));
-   EXPECT_TRUE(agent->says("INTF_LINK_STATUS")) << agent->stderr_.text;
+   // Set in the file: applied, 65536 included.
+   configure("netns=" + ns1.name() + " admin=up mtu=65536");
+   EXPECT_TRUE(until([&] { return lo->mtu() == 65536 && lo->active(); })) << agent->stderr_.text;
+   EXPECT_EQ(device(ns1), "65536 up");
+   EXPECT_EQ(lo->operStatus(), IntfOperStatus::intfOperUp);
+
+   // A namespace that appears, and the interface remapped into it: its
+   // device gets the settings, the device left behind keeps what it has and
+   // goes back to the automatic name.
+   auto ns2 = std::make_unique<NetNs>("intf-agent-b-" + tag);
+   ASSERT_TRUE(ns2->ok()) << ns2->error();
+   configure("netns=" + ns2->name() + " admin=up mtu=9000");
+   ASSERT_TRUE(until([&] {
+      auto l = t.local->intfStatusLocal(lo77);
+      return l && l->netNsName().name() == ns2->name() && t.status->intfStatus(lo77)->mtu() == 9000;
+   })) << agent->stderr_.text;
+   EXPECT_EQ(device(*ns2), "9000 up");
+   EXPECT_EQ(device(ns1), "65536 up");
+   auto left = t.kernel->intfStatus(Kel::String8(ns1.name() + "/lo"));
+   ASSERT_TRUE(left);
+   EXPECT_NE(left->intfId(), lo77);
+   EXPECT_TRUE(until([&] { return hasRow(client.root(), lo77); }));
+
+   // Signals: HUP reads the file again, USR1 and USR2 change nothing.
+   auto reloads = [&] {
+      std::string const & text = agent->stderr_.text;
+      size_t n = 0;
+      for (size_t at = 0; (at = text.find("INTF_AGENT_MAPPING_RELOADED", at)) != std::string::npos; ++at) ++n;
+      return n;
+   };
+   size_t heard = reloads();
+   for (int sig : {SIGHUP, SIGUSR1, SIGUSR2}) ASSERT_EQ(::kill(agent->pid, sig), 0);
+   EXPECT_TRUE(until([&] { return reloads() == heard + 1; }));
+   loop.runUntil([] { return false; }, 200);
+   EXPECT_EQ(::kill(agent->pid, 0), 0);
 
    // The namespace goes: so does everything of its device.
-   netns.reset();
+   ns2.reset();
    EXPECT_TRUE(until([&] { return !t.status->intfStatus(lo77); })) << agent->stderr_.text;
-   EXPECT_FALSE(t.kernel->intfStatus(Kel::String8(ns + "/lo")));
    EXPECT_FALSE(t.local->intfStatusLocal(lo77));
-   EXPECT_FALSE(hasRow(client.root(), lo77));
-   EXPECT_TRUE(t.status->intfStatus(IntfId("Loopback0")));
-   EXPECT_TRUE(hasRow(client.root(), IntfId("Loopback0")));
+   EXPECT_TRUE(until([&] { return !hasRow(client.root(), lo77); }));
+   // Configured still: listed as not present rather than left out.
+   std::string gone = "{interface=\"Loopback77\",device=\"\",namespace=\"\"}";
+   std::string page = httpGet(port, "/metrics");
+   EXPECT_EQ(metricLine(page, "intf_present" + gone), "intf_present" + gone + " 0") << page;
+   EXPECT_EQ(metricLine(page, "intf_oper_up" + gone), "intf_oper_up" + gone + " 0") << page;
    EXPECT_TRUE(agent->waitFor("INTF_AGENT_NAMESPACE_REMOVED"));
+   EXPECT_FALSE(agent->says("cannot watch namespace .")) << "the directory's own entries are no namespaces";
+
+   // SIGQUIT stops it as SIGTERM does, socket file and all.
+   ASSERT_EQ(::kill(agent->pid, SIGQUIT), 0);
+   EXPECT_EQ(agent->exitStatus(), 0);
+   struct stat st;
+   EXPECT_NE(::stat(sock.c_str(), &st), 0);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 // file edited under it (good edits arrive, a bad one changes nothing and is
 // reported with its line), a clean stop, and the check mode's verdicts.
 #include "ChildProcess.h"
+#include "ProgramLog.h"
 
 #include <Intf/GlobalIntfConfig.h>
 #include <Intf/IntfStatusDir.h>
@@ -19,6 +20,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -74,6 +76,11 @@ TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) 
    ASSERT_GT(agent.pid, 0);
    ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays("serving on " + sock); }, 5000))
          << agent.stderr_.text;
+   // Off the journal, each line starts with the local time.
+   EXPECT_TRUE(std::regex_search(agent.stderr_.text, std::regex("^20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-9]{2}:[0-9]{2}:"
+                                                                 "[0-9]{2}\\.[0-9]{3}[+-][0-9]{2}:[0-9]{2} "
+                                                                 "INTF_CONFIG_LOADED NOTICE: ")))
+         << agent.stderr_.text;
 
    Kel::NboAttrLog::Client client(agent.loop, sock, "");
    std::vector<std::string> closes;
@@ -110,7 +117,7 @@ TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) 
    // A bad edit (its second line) that would also change line 1: reported
    // with the line, and not one attribute moves.
    uint32_t e1Count = e1->modificationCount(), dirCount = t.intfs->modificationCount();
-   writeFile(cfg, "Ethernet1 mtu=2000\nEthernet3 mtu=70000\n");
+   writeFile(cfg, "Ethernet1 mtu=2000\nEthernet3 mtu=0\n");
    ASSERT_TRUE(agent.loop.runUntil([&] { return agent.errorSays(cfg + ":2: "); }, 5000)) << agent.stderr_.text;
    agent.loop.runUntil([] { return false; }, 200);  // room for anything that would wrongly follow
    EXPECT_EQ(e1->mtu(), 1400u);
@@ -118,14 +125,6 @@ TEST(IntfConfigd, AReaderGetsTheFileAndEachGoodEditWhileABadEditChangesNothing) 
    EXPECT_EQ(t.intfs->modificationCount(), dirCount);
    EXPECT_TRUE(client.synced());
    EXPECT_TRUE(closes.empty()) << closes[0];
-
-   // Still serving the last good configuration to a new reader.
-   Kel::NboAttrLog::Client late(agent.loop, sock, "intf");
-   ASSERT_TRUE(agent.loop.runUntil([&] { return late.synced(); }, 5000));
-   auto lateIntfs = Kel::dynamicCast<AllIntfConfigDir>(late.root());
-   ASSERT_TRUE(lateIntfs);
-   EXPECT_EQ(lateIntfs->intfConfigSize(), 2u);
-   EXPECT_EQ(lateIntfs->intfConfig(IntfId("Ethernet1"))->mtu(), 1400u);
 
    // SIGTERM: a clean exit that takes its socket file along.
    ASSERT_EQ(::kill(agent.pid, SIGTERM), 0);
@@ -151,7 +150,7 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
        good + ": 2 interfaces (1 admin up, 0 admin down, 1 admin unset), 1 outside the default namespace\n"
               "global load-interval=default link-status-logging=on\n"
               "Ethernet1 admin=up mtu=9000 load-interval=default netns=default\n"
-              "Ethernet2 admin=unset mtu=1500 load-interval=default netns=blue description=\"a \\\"b\\\"\"\n",
+              "Ethernet2 admin=unset mtu=unset load-interval=default netns=blue description=\"a \\\"b\\\"\"\n",
        ""},
       {{"--once", "--config", bad}, 1, false, "", bad + ":3: "},
       {{"--config=" + missing, "--once"}, 1, false, "", missing + ":0: "},
@@ -159,6 +158,12 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
       {{"--config", missing, "--socket", sock}, 1, false, "", missing + ":0: "},
       {{"--once"}, 2, false, "", "--config FILE is required"},
       {{"--help"}, 0, false, "usage: intf-configd --config FILE", ""},
+      {{"--version"}, 0, true, "intf-configd 0.1.0\n", ""},
+      {{"--config", good, "--log-level", "loud"}, 2, false, "",
+       "--log-level takes one of emerg, alert, crit, err, warning, notice, info, debug, not \"loud\""},
+      {{"--config", good, "--allow-user", "no-such-user-here"}, 1, false, "", "no user \"no-such-user-here\""},
+      {{"--config", good, "--allow-group", "no-such-group-here"}, 1, false, "", "no group \"no-such-group-here\""},
+      {{"--config", good, "--once=yes"}, 2, false, "", "--once takes no value"},
    };
    for (auto const & c : cases) {
       std::string what;
@@ -175,4 +180,16 @@ TEST(IntfConfigd, TheCheckModeAndTheStartRefuseAnUnusableFile) {
    }
    struct stat st;
    EXPECT_NE(::stat(sock.c_str(), &st), 0);  // refused before serving
+}
+
+TEST(ProgramLog, LinesAreTimedUnlessStandardErrorIsTheJournals) {
+   struct stat st;
+   ASSERT_EQ(::fstat(2, &st), 0);
+   std::string own = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+   for (auto const & [value, journal] : {std::pair{own, true}, std::pair{own + "1", false}, std::pair{std::string("x"), false}}) {
+      ::setenv("JOURNAL_STREAM", value.c_str(), 1);
+      EXPECT_EQ(IntfApp::underJournal(), journal) << value;
+   }
+   ::unsetenv("JOURNAL_STREAM");
+   EXPECT_FALSE(IntfApp::underJournal());
 }

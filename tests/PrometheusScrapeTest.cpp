@@ -1,11 +1,13 @@
 // A real monitoring server scrapes the host agent's --metrics page on
-// loopback, and its query interface returns the agent's values.
+// loopback, its query interface returns the agent's values, and its
+// checker finds nothing to say of the page.
 #include "ChildProcess.h"
 
 #include <Smash/Table.h>
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 #include <regex>
 
@@ -80,4 +82,16 @@ TEST(PrometheusScrape, TheMonitoringServerCollectsTheAgentsCountersAndGauges) {
    double mtu = queried(serverPort, "intf_mtu");
    EXPECT_EQ(mtu, pageValue(httpGet(metricsPort, "/metrics"), "intf_mtu"));
    EXPECT_GT(mtu, 0);
+   EXPECT_EQ(queried(serverPort, "intf_admin_up"), 1);  // lo is up wherever tests run
+
+   // The format's own checker finds nothing to say of the page.
+   std::string page = httpGet(metricsPort, "/metrics");
+   std::ofstream(dir.path + "/page.txt") << page.substr(page.find("\r\n\r\n") + 4);
+   FILE * lint = ::popen(("/usr/bin/promtool check metrics < " + dir.path + "/page.txt 2>&1").c_str(), "r");
+   ASSERT_TRUE(lint);
+   std::string said;
+   char buf[4096];
+   for (size_t n; (n = std::fread(buf, 1, sizeof buf, lint)) > 0;) said.append(buf, n);
+   EXPECT_EQ(::pclose(lint), 0) << said;
+   EXPECT_EQ(said, "");
 }

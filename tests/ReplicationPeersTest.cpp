@@ -8,6 +8,7 @@
 #include <Intf/IntfStatusDir.h>
 #include <Kel/Agent.h>
 #include <Kel/Dir.h>
+#include <Kel/Log.h>
 #include <Kel/Stream.h>
 
 #include "ChildProcess.h"
@@ -679,6 +680,8 @@ TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) 
    ConnectionLimits limits;
    limits.mountWait = std::chrono::milliseconds(200);
    ActivityLoop loop;
+   int ticks = 0;  // a timer of the agent's own, which closing connections leave alone
+   loop.timerIs(std::chrono::milliseconds(10), [&] { ++ticks; }, std::chrono::milliseconds(10));
    Log::Server server(loop, "@" + name, tree, "w", limits);
    ASSERT_TRUE(server.valid()) << server.error();
    // Nothing, half a header, a whole header and no body.
@@ -695,9 +698,11 @@ TEST(ReplicationPeers, PeersThatNeverAskForAMountAreClosedWhileOthersAreServed) 
       EXPECT_NE(got.find("no mount request within 200 ms"), std::string::npos) << got;
    }
    EXPECT_TRUE(client.synced());
+   int before = ticks;
+   EXPECT_TRUE(loop.runUntil([&] { return ticks > before + 2; }, 5000));
 }
 
-TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestWhy) {
+TEST(ReplicationPeers, AFullServerLetsANewPeerInPlaceOfTheOldestIdleOneAndRefusesOnlyWhenAllAreMounted) {
    auto tree = makeTree(2);
    std::string name = "intf-peers-many-" + std::to_string(::getpid());
    ConnectionLimits limits;
@@ -705,6 +710,9 @@ TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestW
    ActivityLoop loop;
    Log::Server server(loop, "@" + name, tree, "w", limits);
    ASSERT_TRUE(server.valid()) << server.error();
+   auto log = std::make_shared<Kel::CapturingLogSink>();
+   Kel::logSinkIs(log);
+   Kel::logClockIs(nullptr);  // a fresh rate-limit window
    Fds peers;
    for (int i = 0; i < 6; ++i) {
       peers.fd.push_back(idlePeer(name));
@@ -715,18 +723,38 @@ TEST(ReplicationPeers, AServerHoldsNoMoreConnectionsThanItsLimitAndTellsTheRestW
    for (int i = 0; i < 6; ++i) {
       std::string got = drain(peers.fd[i]);
       if (i < 3) {
-         EXPECT_EQ(got, "(open)") << i;
+         EXPECT_NE(got.find("closed for a newer connection: more than 3 connections"), std::string::npos)
+               << i << ": " << got;
       } else {
-         EXPECT_NE(got.find("more than 3 connections"), std::string::npos) << i << ": " << got;
+         EXPECT_EQ(got, "(open)") << i;
       }
    }
-   // One of the held connections goes: a new peer is served in its place.
-   ::close(peers.fd[0]);
-   peers.fd[0] = -1;
-   loop.runUntil([&] { return server.connections() == 2; }, 5000);
-   Log::Client client(loop, "@" + name, "served");
-   loop.runUntil([&] { return client.synced() || !client.lastClose().empty(); }, 5000);
-   EXPECT_TRUE(client.synced()) << client.lastClose();
+   // Readers that mount take the idle peers' places; once every connection
+   // is mounted, a newcomer is the one refused.
+   std::vector<std::unique_ptr<Log::Client>> readers;
+   for (int i = 0; i < 3; ++i) {
+      readers.push_back(std::make_unique<Log::Client>(loop, "@" + name, "served"));
+      loop.runUntil([&] { return readers.back()->synced() || !readers.back()->lastClose().empty(); }, 5000);
+      EXPECT_TRUE(readers.back()->synced()) << readers.back()->lastClose();
+   }
+   int late = idlePeer(name);
+   peers.fd.push_back(late);
+   std::string told;
+   loop.runUntil([&] {
+      char buf[512];
+      ssize_t n;
+      while ((n = ::recv(late, buf, sizeof buf, MSG_DONTWAIT)) > 0) told.append(buf, size_t(n));
+      return n == 0;
+   }, 5000);
+   EXPECT_NE(told.find("more than 3 connections"), std::string::npos) << told;
+   EXPECT_EQ(server.connections(), 3u);
+   for (auto const & r : readers) EXPECT_TRUE(r->synced());
+   Kel::logSinkIs(nullptr);
+   // Logged through the structured log, one event per window.
+   ASSERT_EQ(log->events.size(), 1u);
+   EXPECT_EQ(Kel::logLine(log->events[0]), "KEL_SERVER_FULL WARNING: server on @" + name +
+                                                " holds 3 connections: closed an idle connection of uid " +
+                                                std::to_string(::getuid()) + " pid " + std::to_string(::getpid()));
 }
 
 TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
@@ -791,14 +819,19 @@ TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheL
       std::string told = drain(late);
       int idle = 0;
       for (int i = 0; i < 10; ++i) idle += loop.runOnce(10) == 0;
+      // With descriptors again, it listens again.
+      for (int f : hog.fd) ::close(f);
+      hog.fd.clear();
+      Log::Client after(loop, "@" + name, "served");
+      loop.runUntil([&] { return after.synced(); }, 5000);
       result.send((told.find("out of file descriptors") != std::string::npos ? "told" : "not told: " + told) +
-                  ", idle rounds " + std::to_string(idle) + " of 10");
+                  ", idle rounds " + std::to_string(idle) + " of 10" + (after.synced() ? ", served again" : ""));
       ::_exit(0);
    }
    IntfTest::Reap reap{pid};
    ::close(result.fd[1]);  // so that a child that dies ends the line
    result.fd[1] = -1;
-   EXPECT_EQ(result.receive(), "told, idle rounds 10 of 10");
+   EXPECT_EQ(result.receive(), "told, idle rounds 10 of 10, served again");
 }
 
 // ---- depth -------------------------------------------------------------------------------------

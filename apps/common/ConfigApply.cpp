@@ -22,6 +22,11 @@ ApplyCounts applyConfig(ConfigFile const & cfg, ConfigTree const & tree) {
                                   : *s.adminUp ? IntfEnabledState::enabled
                                                : IntfEnabledState::shutdown);
       c->mtuIs(s.mtu.value_or(1500));
+      if (s.mtu) {
+         c->requestorIs(mtuRequestor, true);
+      } else {
+         c->requestorDel(mtuRequestor);
+      }
       c->loadIntervalIs(s.loadInterval.value_or(LoadInterval()));
       if (fresh) {
          tree.intfs->intfConfigIs(c);

@@ -7,6 +7,7 @@
 #include "ConfigFile.h"
 
 #include <Intf/GlobalIntfConfig.h>
+#include <Intf/IntfConfig.h>
 #include <Intf/IntfStatusDir.h>
 
 namespace IntfApp {
@@ -22,10 +23,17 @@ struct ApplyCounts {
    unsigned added = 0, changed = 0, removed = 0;
 };
 
+// Whether an interface's configuration sets its MTU: the requester of this
+// name is present and true (IntfConfig::mtu alone cannot say, since it
+// always holds a value, 1500 by default). The host agent changes a
+// device's MTU only then.
+inline constexpr char mtuRequestor[] = "mtu";
+inline bool setsMtu(Interface::IntfConfig const & c) { return c.requestor(mtuRequestor); }
+
 // Every interface of the file gets a configuration with exactly the file's
 // settings (a setting left out goes back to its default: admin state
-// unknown, MTU 1500, no description, the global load interval, the default
-// namespace); interfaces no longer in the file are removed.
+// unknown, MTU 1500 and not set, no description, the global load interval,
+// the default namespace); interfaces no longer in the file are removed.
 ApplyCounts applyConfig(ConfigFile const & cfg, ConfigTree const & tree);
 
 } // namespace IntfApp

@@ -3,9 +3,13 @@
 
 #include <Kel/Exception.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <unordered_map>
 
 namespace IntfApp {
@@ -128,8 +132,8 @@ void intfSetting(Line & l, IntfSettings & s, std::string_view key, std::string c
       s.adminUp = v == "up";
    } else if (key == "mtu") {
       uint64_t mtu = 0;
-      if (!parseUnsigned(v, &mtu) || mtu < 68 || mtu > 65535) {
-         l.fail("mtu must be 68 to 65535, not " + shown(v));
+      if (!parseUnsigned(v, &mtu) || mtu < 1 || mtu > maxMtu) {
+         l.fail("mtu must be 1 to " + std::to_string(maxMtu) + ", not " + shown(v));
       }
       s.mtu = uint32_t(mtu);
    } else if (key == "load-interval") {
@@ -241,19 +245,28 @@ ConfigFile parseConfig(std::string_view text, std::string const & fileName) {
    return cfg;
 }
 
-ConfigFile readConfigFile(std::string const & path) {
-   std::ifstream in(path, std::ios::binary);
-   if (!in) throw ConfigError(path, 0, "cannot be read");
+std::string readConfigText(std::string const & path) {
+   auto unreadable = [&](int err) {
+      return ConfigError(path, 0, std::string("cannot be read: ") + std::strerror(err));
+   };
+   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0) throw unreadable(errno);
    std::string text;
    char buf[65536];
-   while (in.read(buf, sizeof buf) || in.gcount() > 0) {
-      text.append(buf, size_t(in.gcount()));
+   ssize_t n;
+   while ((n = ::read(fd, buf, sizeof buf)) > 0) {
+      text.append(buf, size_t(n));
       if (text.size() > maxConfigBytes) {
+         ::close(fd);
          throw ConfigError(path, 0, "larger than " + std::to_string(maxConfigBytes) + " bytes");
       }
    }
-   if (in.bad()) throw ConfigError(path, 0, "cannot be read");
-   return parseConfig(text, path);
+   int err = errno;
+   ::close(fd);
+   if (n < 0) throw unreadable(err);
+   return text;
 }
+
+ConfigFile readConfigFile(std::string const & path) { return parseConfig(readConfigText(path), path); }
 
 } // namespace IntfApp

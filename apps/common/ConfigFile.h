@@ -11,14 +11,17 @@
 // `key=value`. A value is a bare word or a double-quoted string in which \"
 // and \\ stand for " and \. Settings of an interface:
 //   admin          up | down
-//   mtu            68 to 65535
+//   mtu            1 to 2147483647 bytes: every MTU the kernel takes (a
+//                  device's own limits are the kernel's to check; lo takes
+//                  65536 and more); left out, the device keeps its MTU
 //   load-interval  5 to 600 seconds, or `default` (follow the global one)
 //   description    any text up to 240 bytes
 //   netns          the network namespace the interface lives in
 //   device         the kernel device that carries the interface (1 to 15
 //                  bytes, no '/' or blank), overriding the agents' mapping
 // Settings of `global`: load-interval (5 to 600 seconds), link-status-logging
-// (on | off). A setting left out keeps its default.
+// (on | off). A setting left out keeps its default; an admin state or MTU
+// left out is not applied to the device at all.
 #pragma once
 
 #include <Intf/Types.h>
@@ -67,12 +70,18 @@ class ConfigError : public std::runtime_error {
    unsigned line_;
 };
 
+// The largest MTU the kernel takes (its MTU is a signed int).
+inline constexpr uint64_t maxMtu = 2147483647;
+
 // Files larger than this are refused whole.
 inline constexpr size_t maxConfigBytes = 1 << 20;
 
 // Parses the whole text; the first bad line throws ConfigError.
 ConfigFile parseConfig(std::string_view text, std::string const & fileName);
-// Reads and parses a file; an unreadable file throws ConfigError (line 0).
+// The bytes of a file; a file that cannot be read throws ConfigError (line
+// 0) "cannot be read: <the system's reason>", one too large "larger than ...".
+std::string readConfigText(std::string const & path);
+// Reads and parses a file.
 ConfigFile readConfigFile(std::string const & path);
 
 } // namespace IntfApp

@@ -18,6 +18,28 @@ Interface::IntfStatistics statisticsOf(LinkStats const & s, double now) {
    return st;
 }
 
+bool resumeFrom(DeviceCounters & c, Interface::IntfStatistics const & totals, Interface::IntfRates const & rates,
+                double now, double maxAge) {
+   double age = now - rates.statsUpdateTime();
+   if (c.primed || !(age >= 0 && age <= maxAge)) return false;
+   c.totals = totals;
+   c.rates = rates;
+   // The kernel's values these totals stand for (see statisticsOf): a
+   // device whose counters went back meanwhile counts as restarted.
+   LinkStats & l = c.last;
+   l.rxMulticast = totals.inMulticastPkts();
+   l.rxPackets = totals.inUcastPkts() + l.rxMulticast;
+   l.txPackets = totals.outUcastPkts();
+   l.rxBytes = totals.inOctets();
+   l.txBytes = totals.outOctets().value();
+   l.rxErrors = totals.inErrors();
+   l.txErrors = totals.outErrors();
+   l.rxDropped = totals.inDiscards();
+   l.txDropped = totals.outDiscards().value();
+   c.primed = true;
+   return true;
+}
+
 namespace {
 
 uint64_t step(uint64_t now, uint64_t before, bool * restarted) {

@@ -31,13 +31,30 @@ Zenet::IntfId named(std::string const & text) {
 
 DeviceMap::DeviceMap(ConfigFile const & cfg) { configure(cfg); }
 
-void DeviceMap::configure(ConfigFile const & cfg) {
+DeviceMap::Changes DeviceMap::configure(ConfigFile const & cfg) {
+   auto old = std::move(explicit_);
    explicit_.clear();
    for (auto const & s : cfg.intfs) {
       if (!s.device) continue;
       std::string ns = s.netNs ? s.netNs->name().str() : Zenet::DEFAULT_NS;
       explicit_[{nsKey(ns), *s.device}] = s.intfId;
    }
+   Changes c;
+   auto differ = [&c](auto const & from, auto const & to) {
+      for (auto const & [device, id] : from) {
+         auto it = to.find(device);
+         if (it != to.end() && it->second == id) continue;
+         c.devices.insert(device);
+         c.intfs.insert(id.intfIdValue());
+      }
+   };
+   differ(old, explicit_);
+   differ(explicit_, old);
+   return c;
+}
+
+bool DeviceMap::Changes::touches(std::string const & netNs, std::string const & device, Zenet::IntfId id) const {
+   return devices.count({nsKey(netNs), device}) || intfs.count(id.intfIdValue());
 }
 
 uint32_t DeviceMap::namespaceNumber(std::string const & netNs) {

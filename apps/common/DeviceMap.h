@@ -22,6 +22,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -40,9 +41,18 @@ struct KernelDevice {
 class DeviceMap {
  public:
    // Explicit mappings come from the configuration; they may be replaced
-   // on reload with configure().
+   // on reload with configure(), which says what changed: the devices
+   // ((namespace, name)) and interfaces whose explicit mapping came, went
+   // or moved. Devices already assigned keep their interface until they
+   // are released; an owner that follows a reload releases those that
+   // changed and assigns them again.
+   struct Changes {
+      std::set<std::pair<std::string, std::string>> devices;
+      std::set<uint64_t> intfs;
+      bool touches(std::string const & netNs, std::string const & device, Zenet::IntfId id) const;
+   };
    explicit DeviceMap(ConfigFile const & cfg = {});
-   void configure(ConfigFile const & cfg);
+   Changes configure(ConfigFile const & cfg);
 
    // The interface for a device that appeared; null (and `why`) when it is
    // not modelled. Asking again for a known device gives the same answer.

@@ -9,7 +9,7 @@
 
 namespace IntfApp {
 
-FileWatch::FileWatch(std::string const & path, std::function<void()> changed)
+FileWatch::FileWatch(std::string const & path, std::function<void(bool)> changed)
       : changed_(std::move(changed)) {
    size_t slash = path.rfind('/');
    std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
@@ -19,7 +19,7 @@ FileWatch::FileWatch(std::string const & path, std::function<void()> changed)
       error_ = std::string("inotify: ") + std::strerror(errno);
       return;
    }
-   uint32_t mask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MOVED_FROM;
+   uint32_t mask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MODIFY;
    if (::inotify_add_watch(fd_, dir.c_str(), mask) < 0) {
       error_ = "cannot watch " + dir + ": " + std::strerror(errno);
       ::close(fd_);
@@ -33,7 +33,7 @@ FileWatch::~FileWatch() {
 
 void FileWatch::onReadable() {
    alignas(inotify_event) char buf[8192];
-   bool ours = false;
+   bool ours = false, finished = false;
    while (true) {
       ssize_t n = ::read(fd_, buf, sizeof buf);
       if (n <= 0) break;
@@ -41,13 +41,15 @@ void FileWatch::onReadable() {
          auto * e = reinterpret_cast<inotify_event *>(p);
          size_t step = sizeof(inotify_event) + e->len;
          if (p + step > buf + n) break;
-         // A file that is only created is still empty; the write that
-         // follows reports again.
-         if (e->len && name_ == e->name && !(e->mask & IN_CREATE)) ours = true;
+         if (e->len && name_ == e->name) {
+            ours = true;
+            // Created or written to: its writer has not closed it yet.
+            finished = !(e->mask & (IN_CREATE | IN_MODIFY));
+         }
          p += step;
       }
    }
-   if (ours) changed_();
+   if (ours) changed_(finished);
 }
 
 } // namespace IntfApp

@@ -1,7 +1,9 @@
-// Tells when a file has been written or replaced, through inotify on its
+// Tells when a file is written or replaced, through inotify on its
 // directory (editors and configuration tools often write a new file and
-// rename it over the old one, which a watch on the file itself would miss).
-// One source of the agent's activity loop.
+// rename it over the old one, which a watch on the file itself would miss),
+// and whether the last change is finished: written and closed, renamed
+// into place or removed, as opposed to created or written to by a writer
+// that has not closed it yet. One source of the agent's activity loop.
 #pragma once
 
 #include <Kel/ActivityLoop.h>
@@ -13,9 +15,9 @@ namespace IntfApp {
 
 class FileWatch : public Kel::ActivityLoop::Source {
  public:
-   // `changed` runs once per batch of events that concern the file (written
-   // and closed, renamed into place, created, removed).
-   FileWatch(std::string const & path, std::function<void()> changed);
+   // `changed` runs once per batch of events that concern the file, saying
+   // whether the last of them finished a change.
+   FileWatch(std::string const & path, std::function<void(bool finished)> changed);
    ~FileWatch() override;
    FileWatch(FileWatch const &) = delete;
    FileWatch & operator=(FileWatch const &) = delete;
@@ -29,7 +31,7 @@ class FileWatch : public Kel::ActivityLoop::Source {
    int fd_ = -1;
    std::string name_;
    std::string error_;
-   std::function<void()> changed_;
+   std::function<void(bool)> changed_;
 };
 
 } // namespace IntfApp

@@ -66,8 +66,8 @@ std::string answer(int status, char const * reason, std::string_view type, std::
 
 } // namespace
 
-MetricsServer::MetricsServer(std::string const & address, Render render)
-      : render_(std::move(render)) {
+MetricsServer::MetricsServer(std::string const & address, Render render, Limits limits)
+      : render_(std::move(render)), limits_(limits) {
    std::string host;
    int port = -1;
    if (!address.empty() && address.front() == '[') {
@@ -136,21 +136,16 @@ MetricsServer::MetricsServer(std::string const & address, Render render)
       listenFd_ = -1;
       return;
    }
-   listenAgain();
+   epoll_event ev{};
+   ev.events = EPOLLIN;
+   ev.data.fd = listenFd_;
+   ::epoll_ctl(epfd_, EPOLL_CTL_ADD, listenFd_, &ev);
 }
 
 MetricsServer::~MetricsServer() {
    for (auto & [fd, c] : conns_) ::close(fd);
    if (listenFd_ >= 0) ::close(listenFd_);
    if (epfd_ >= 0) ::close(epfd_);
-}
-
-void MetricsServer::listenAgain() {
-   if (listening_) return;
-   epoll_event ev{};
-   ev.events = EPOLLIN;
-   ev.data.fd = listenFd_;
-   listening_ = ::epoll_ctl(epfd_, EPOLL_CTL_ADD, listenFd_, &ev) == 0;
 }
 
 void MetricsServer::onReadable() {
@@ -166,9 +161,16 @@ void MetricsServer::onReadable() {
 }
 
 void MetricsServer::accept() {
-   while (conns_.size() < maxConnections) {
+   while (true) {
       int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
       if (fd < 0) return;  // EAGAIN, or a connection that went away first
+      if (conns_.size() >= limits_.connections && !dropIdlest()) {
+         ++displaced_;
+         std::string busy = answer(503, "Service Unavailable", "text/plain", "too many scrapes at once\n", true);
+         ::send(fd, busy.data(), busy.size(), MSG_NOSIGNAL);
+         ::close(fd);
+         continue;
+      }
       epoll_event ev{};
       ev.events = EPOLLIN | EPOLLRDHUP;
       ev.data.fd = fd;
@@ -178,15 +180,24 @@ void MetricsServer::accept() {
       }
       conns_[fd].start = std::chrono::steady_clock::now();
    }
-   // Full: stop hearing the listening socket until a connection ends.
-   if (listening_ && ::epoll_ctl(epfd_, EPOLL_CTL_DEL, listenFd_, nullptr) == 0) listening_ = false;
+}
+
+bool MetricsServer::dropIdlest() {
+   auto idlest = conns_.end();
+   for (auto it = conns_.begin(); it != conns_.end(); ++it) {
+      if (!it->second.out.empty()) continue;  // being answered
+      if (idlest == conns_.end() || it->second.start < idlest->second.start) idlest = it;
+   }
+   if (idlest == conns_.end()) return false;
+   ++displaced_;
+   drop(idlest->first);
+   return true;
 }
 
 void MetricsServer::drop(int fd) {
    ::epoll_ctl(epfd_, EPOLL_CTL_DEL, fd, nullptr);
    ::close(fd);
    conns_.erase(fd);
-   if (conns_.size() < maxConnections) listenAgain();
 }
 
 void MetricsServer::handle(int fd, uint32_t events) {
@@ -206,7 +217,7 @@ void MetricsServer::handle(int fd, uint32_t events) {
       if (end == std::string::npos) end = c.in.find("\n\n");
       if (end != std::string::npos) {
          respond(fd, c);
-      } else if (c.in.size() > maxRequestHead) {
+      } else if (c.in.size() > limits_.requestHead) {
          c.out = answer(431, "Request Header Fields Too Large", "text/plain", "request head too large\n", true);
       } else {
          return;
@@ -251,7 +262,8 @@ void MetricsServer::onRoundEnd() {
    auto now = std::chrono::steady_clock::now();
    std::vector<int> late;
    for (auto const & [fd, c] : conns_) {
-      if (now - c.start > timeout) late.push_back(fd);
+      auto age = now - c.start;
+      if (age > limits_.exchange || (c.out.empty() && age > limits_.request)) late.push_back(fd);
    }
    for (int fd : late) drop(fd);
 }

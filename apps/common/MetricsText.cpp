@@ -24,16 +24,6 @@ void escaped(std::string & out, std::string_view s, bool quote) {
 
 } // namespace
 
-bool MetricsText::validName(std::string_view name, bool label) {
-   if (name.empty()) return false;
-   for (size_t i = 0; i < name.size(); ++i) {
-      char c = name[i];
-      bool alpha = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || (!label && c == ':');
-      if (!alpha && !(i > 0 && c >= '0' && c <= '9')) return false;
-   }
-   return true;
-}
-
 void MetricsText::family(std::string_view name, std::string_view type, std::string_view help) {
    out_ += "# HELP ";
    out_ += name;

@@ -21,9 +21,6 @@ class MetricsText {
    std::string const & text() const { return out_; }
    void clear() { out_.clear(); }
 
-   // Whether a metric or label name is valid in the format.
-   static bool validName(std::string_view name, bool label);
-
  private:
    void head(std::string_view name, Labels const & labels);
    std::string out_;

@@ -3,6 +3,9 @@
 
 #include <Kel/Value.h>
 
+#include <locale.h>
+#include <wchar.h>
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -10,6 +13,30 @@
 namespace IntfApp {
 
 namespace {
+
+// The code point at s[i] and its length in bytes; length 0 when the bytes
+// there are not UTF-8 (overlong forms and surrogates included).
+std::pair<uint32_t, size_t> decode(std::string_view s, size_t i) {
+   auto byte = [&](size_t k) { return uint8_t(s[k]); };
+   uint8_t b = byte(i);
+   if (b < 0x80) return {b, 1};
+   size_t n = b >= 0xf0 && b < 0xf5 ? 4 : b >= 0xe0 && b < 0xf0 ? 3 : b >= 0xc2 && b < 0xe0 ? 2 : 0;
+   if (n == 0 || i + n > s.size()) return {0, 0};
+   uint32_t cp = b & (0x7f >> n);
+   for (size_t k = 1; k < n; ++k) {
+      if ((byte(i + k) & 0xc0) != 0x80) return {0, 0};
+      cp = cp << 6 | (byte(i + k) & 0x3f);
+   }
+   bool overlong = (n == 3 && cp < 0x800) || (n == 4 && (cp < 0x10000 || cp > 0x10ffff));
+   if (overlong || (cp >= 0xd800 && cp < 0xe000)) return {0, 0};
+   return {cp, n};
+}
+
+std::string hexByte(uint8_t c) {
+   char buf[8];
+   std::snprintf(buf, sizeof buf, "\\x%02x", c);
+   return buf;
+}
 
 void sortRows(std::vector<IntfView> & rows) {
    std::sort(rows.begin(), rows.end(),
@@ -26,20 +53,21 @@ std::string staleNote(std::vector<IntfView> const & rows) {
    return "";
 }
 
-// Left-aligned columns: widths from the header and the longest cell.
+// Columns aligned by their width on a terminal: text to the left, numbers
+// to the right.
 struct Table {
    std::vector<std::vector<std::string>> cells;
-   std::vector<bool> right;  // numeric columns align right
+   std::vector<bool> right;
    std::string render() const {
       std::vector<size_t> w(cells.front().size(), 0);
       for (auto const & r : cells) {
-         for (size_t i = 0; i < r.size(); ++i) w[i] = std::max(w[i], r[i].size());
+         for (size_t i = 0; i < r.size(); ++i) w[i] = std::max(w[i], displayWidth(r[i]));
       }
       std::string out;
       for (auto const & r : cells) {
          std::string line;
          for (size_t i = 0; i < r.size(); ++i) {
-            size_t pad = w[i] - r[i].size();
+            size_t pad = w[i] - displayWidth(r[i]);
             if (i) line += "  ";
             if (right[i]) line.append(pad, ' ');
             line += r[i];
@@ -77,7 +105,110 @@ std::string jsonNumber(double v) {
    return std::string(buf, r.ptr);
 }
 
+std::string orDash(std::string const & s) { return s.empty() ? "-" : printable(s); }
+std::string nsOf(IntfView const & v) { return v.netNs.empty() ? "default" : v.netNs; }
+std::string configured(std::optional<bool> c) { return !c ? "-" : *c ? "up" : "down"; }
+
+// The packet counters of a row, with what the source does not measure.
+struct Packets {
+   uint64_t value;
+   Unmeasured bit;
+   char const * json;
+};
+std::vector<Packets> inPackets(IntfView const & v) {
+   auto const & s = v.stats;
+   return {{s.inUcastPkts(), inUcast, "inUcastPkts"},
+           {s.inMulticastPkts(), inMcast, "inMulticastPkts"},
+           {s.inBroadcastPkts(), inBcast, "inBroadcastPkts"}};
+}
+std::vector<Packets> outPackets(IntfView const & v) {
+   auto const & s = v.stats;
+   return {{s.outUcastPkts(), outUcast, "outUcastPkts"},
+           {s.outMulticastPkts(), outMcast, "outMulticastPkts"},
+           {s.outBroadcastPkts(), outBcast, "outBroadcastPkts"}};
+}
+// Every packet, whichever counters hold them.
+uint64_t total(std::vector<Packets> const & p) { return p[0].value + p[1].value + p[2].value; }
+std::string cell(IntfView const & v, Packets const & p) {
+   return v.unmeasured & p.bit ? "-" : std::to_string(p.value);
+}
+std::string maybe(Brik::MaybeU63 m) { return m.hasValue() ? std::to_string(m.value()) : "-"; }
+
+std::string statusJson(IntfView const & v) {
+   std::string o = "\"description\": " + jsonString(v.description);
+   o += ", \"device\": " + jsonString(v.device);
+   o += ", \"namespace\": " + jsonString(nsOf(v));
+   o += ", \"present\": " + std::string(v.present ? "true" : "false");
+   if (v.present) o += ", \"adminUp\": " + std::string(v.adminUp ? "true" : "false");
+   if (v.adminConfigured) o += ", \"adminConfigured\": " + jsonString(configured(v.adminConfigured));
+   o += ", \"operStatus\": " + jsonString(operName(v.operStatus));
+   o += ", \"operChanges\": " + std::to_string(v.changes);
+   o += ", \"lastChange\": " + jsonNumber(v.lastChange);
+   if (v.present) o += ", \"mtu\": " + std::to_string(v.mtu);
+   if (v.maxMtu) o += ", \"maxMtu\": " + std::to_string(v.maxMtu);
+   if (v.speedBps) o += ", \"speedBps\": " + std::to_string(v.speedBps);
+   return o;
+}
+
+std::string countersJson(IntfView const & v) {
+   auto const & s = v.stats;
+   std::string o = "\"inOctets\": " + std::to_string(s.inOctets());
+   auto in = inPackets(v), out = outPackets(v);
+   o += ", \"inPkts\": " + std::to_string(total(in));
+   for (auto const & p : in) {
+      if (!(v.unmeasured & p.bit)) o += ", \"" + std::string(p.json) + "\": " + std::to_string(p.value);
+   }
+   o += ", \"inDiscards\": " + std::to_string(s.inDiscards());
+   o += ", \"inErrors\": " + std::to_string(s.inErrors());
+   if (s.outOctets().hasValue()) o += ", \"outOctets\": " + std::to_string(s.outOctets().value());
+   o += ", \"outPkts\": " + std::to_string(total(out));
+   for (auto const & p : out) {
+      if (!(v.unmeasured & p.bit)) o += ", \"" + std::string(p.json) + "\": " + std::to_string(p.value);
+   }
+   if (s.outDiscards().hasValue()) o += ", \"outDiscards\": " + std::to_string(s.outDiscards().value());
+   o += ", \"outErrors\": " + std::to_string(s.outErrors());
+   return o + ", \"lastUpdate\": " + jsonNumber(s.lastUpdate()) + ", \"stale\": " + (v.countersStale ? "true" : "false");
+}
+
+std::string ratesJson(IntfView const & v) {
+   auto const & r = v.rates;
+   return "\"loadInterval\": " + jsonNumber(v.loadInterval) + ", \"inBitsRate\": " + jsonNumber(r.inBitsRate()) +
+          ", \"inPktsRate\": " + jsonNumber(r.inPktsRate()) + ", \"outBitsRate\": " + jsonNumber(r.outBitsRate()) +
+          ", \"outPktsRate\": " + jsonNumber(r.outPktsRate()) +
+          ", \"statsUpdateTime\": " + jsonNumber(r.statsUpdateTime());
+}
+
 } // namespace
+
+std::string printable(std::string_view s) {
+   std::string o;
+   for (size_t i = 0; i < s.size();) {
+      auto [cp, n] = decode(s, i);
+      if (n == 0 || cp < 0x20 || cp == 0x7f || (cp >= 0x80 && cp < 0xa0)) {
+         for (size_t k = 0; k < std::max<size_t>(n, 1); ++k) o += hexByte(uint8_t(s[i + k]));
+         i += std::max<size_t>(n, 1);
+      } else {
+         o.append(s.substr(i, n));
+         i += n;
+      }
+   }
+   return o;
+}
+
+size_t displayWidth(std::string_view s) {
+   // The C library's own table of widths, whatever the program's locale.
+   static locale_t const utf8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t(0));
+   locale_t was = utf8 ? ::uselocale(utf8) : locale_t(0);
+   size_t w = 0;
+   for (size_t i = 0; i < s.size();) {
+      auto [cp, n] = decode(s, i);
+      i += std::max<size_t>(n, 1);
+      int cw = utf8 && n ? ::wcwidth(wchar_t(cp)) : 1;
+      w += size_t(cw < 0 ? 1 : cw);
+   }
+   if (utf8) ::uselocale(was);
+   return w;
+}
 
 std::string operName(Interface::IntfOperStatus s) {
    std::string n = Kel::enumString(kelEnumInfo(s), uint32_t(s)).str();
@@ -90,34 +221,33 @@ std::string operName(Interface::IntfOperStatus s) {
 
 std::string statusTable(std::vector<IntfView> rows) {
    sortRows(rows);
-   Table t{{{"Interface", "Description", "Admin", "Oper", "MTU", "Device", "Namespace"}},
-           {false, false, false, false, true, false, false}};
+   Table t{{{"Interface", "Description", "Admin", "Configured", "Oper", "MTU", "Device", "Namespace"}},
+           {false, false, false, false, false, true, false, false}};
    for (auto const & v : rows) {
-      t.cells.push_back({name(v), v.description, v.adminUp ? "up" : "down", operName(v.operStatus),
-                         std::to_string(v.mtu), v.device.empty() ? "-" : v.device,
-                         v.netNs.empty() ? "default" : v.netNs});
+      t.cells.push_back({name(v), printable(v.description), !v.present ? "-" : v.adminUp ? "up" : "down",
+                         configured(v.adminConfigured), operName(v.operStatus),
+                         v.present ? std::to_string(v.mtu) : "-", orDash(v.device), printable(nsOf(v))});
    }
    return t.render();
 }
 
 std::string countersTable(std::vector<IntfView> rows) {
    sortRows(rows);
-   Table in{{{"Interface", "InOctets", "InUcastPkts", "InMcastPkts", "InBcastPkts", "InDiscards",
+   Table in{{{"Interface", "InOctets", "InPkts", "InUcastPkts", "InMcastPkts", "InBcastPkts", "InDiscards",
               "InErrors"}},
-            {false, true, true, true, true, true, true}};
-   Table out{{{"Interface", "OutOctets", "OutUcastPkts", "OutMcastPkts", "OutBcastPkts",
+            {false, true, true, true, true, true, true, true}};
+   Table out{{{"Interface", "OutOctets", "OutPkts", "OutUcastPkts", "OutMcastPkts", "OutBcastPkts",
                "OutDiscards", "OutErrors"}},
-             {false, true, true, true, true, true, true}};
-   auto maybe = [](Brik::MaybeU63 m) { return m.hasValue() ? std::to_string(m.value()) : "-"; };
+             {false, true, true, true, true, true, true, true}};
    for (auto const & v : rows) {
       if (!v.hasCounters) continue;
       auto const & s = v.stats;
-      in.cells.push_back({counterName(v), std::to_string(s.inOctets()), std::to_string(s.inUcastPkts()),
-                          std::to_string(s.inMulticastPkts()), std::to_string(s.inBroadcastPkts()),
-                          std::to_string(s.inDiscards()), std::to_string(s.inErrors())});
-      out.cells.push_back({counterName(v), maybe(s.outOctets()), std::to_string(s.outUcastPkts()),
-                           std::to_string(s.outMulticastPkts()), std::to_string(s.outBroadcastPkts()),
-                           maybe(s.outDiscards()), std::to_string(s.outErrors())});
+      auto i = inPackets(v), o = outPackets(v);
+      in.cells.push_back({counterName(v), std::to_string(s.inOctets()), std::to_string(total(i)), cell(v, i[0]),
+                          cell(v, i[1]), cell(v, i[2]), std::to_string(s.inDiscards()),
+                          std::to_string(s.inErrors())});
+      out.cells.push_back({counterName(v), maybe(s.outOctets()), std::to_string(total(o)), cell(v, o[0]), cell(v, o[1]),
+                           cell(v, o[2]), maybe(s.outDiscards()), std::to_string(s.outErrors())});
    }
    return in.render() + "\n" + out.render() + staleNote(rows);
 }
@@ -138,11 +268,15 @@ std::string ratesTable(std::vector<IntfView> rows) {
 }
 
 std::string interfaceDetail(IntfView const & v, double now) {
-   std::string o = name(v) + " is " + (v.adminUp ? "up" : "administratively down") +
-                   ", line protocol is " + operName(v.operStatus) + "\n";
-   if (!v.description.empty()) o += "  Description: " + v.description + "\n";
-   o += "  Device " + (v.device.empty() ? std::string("-") : v.device) + " in namespace " +
-        (v.netNs.empty() ? std::string("default") : v.netNs) + "\n";
+   if (!v.present) {
+      return name(v) + " is not present: configured, but no device carries it\n" +
+             (v.description.empty() ? "" : "  Description: " + printable(v.description) + "\n");
+   }
+   std::string admin = v.adminUp ? "up" : "administratively down";
+   if (v.adminConfigured && *v.adminConfigured != v.adminUp) admin += " (configured " + configured(v.adminConfigured) + ")";
+   std::string o = name(v) + " is " + admin + ", line protocol is " + operName(v.operStatus) + "\n";
+   if (!v.description.empty()) o += "  Description: " + printable(v.description) + "\n";
+   o += "  Device " + orDash(v.device) + " in namespace " + printable(nsOf(v)) + "\n";
    o += "  MTU " + std::to_string(v.mtu) + " bytes" + (v.maxMtu ? ", maximum " + std::to_string(v.maxMtu) : std::string()) + "\n";
    if (v.changes) {
       o += "  " + std::to_string(v.changes) + " link status changes, last " +
@@ -158,88 +292,62 @@ std::string interfaceDetail(IntfView const & v, double now) {
         " Mbps, " + fixed(r.inPktsRate(), 0) + " packets/sec\n";
    o += "  " + interval(v.loadInterval) + " output rate " + fixed(r.outBitsRate() / 1e6, 1) +
         " Mbps, " + fixed(r.outPktsRate(), 0) + " packets/sec\n";
-   o += "  Input: " + std::to_string(s.inUcastPkts()) + " unicast, " +
-        std::to_string(s.inMulticastPkts()) + " multicast, " + std::to_string(s.inBroadcastPkts()) +
-        " broadcast packets, " + std::to_string(s.inOctets()) + " bytes, " +
+   auto i = inPackets(v), out = outPackets(v);
+   o += "  Input: " + std::to_string(total(i)) + " packets (" + cell(v, i[0]) + " unicast, " + cell(v, i[1]) +
+        " multicast, " + cell(v, i[2]) + " broadcast), " + std::to_string(s.inOctets()) + " bytes, " +
         std::to_string(s.inDiscards()) + " discards, " + std::to_string(s.inErrors()) + " errors\n";
-   o += "  Output: " + std::to_string(s.outUcastPkts()) + " unicast, " +
-        std::to_string(s.outMulticastPkts()) + " multicast, " +
-        std::to_string(s.outBroadcastPkts()) + " broadcast packets, " +
-        (s.outOctets().hasValue() ? std::to_string(s.outOctets().value()) : std::string("-")) +
-        " bytes, " +
-        (s.outDiscards().hasValue() ? std::to_string(s.outDiscards().value()) : std::string("-")) +
-        " discards, " + std::to_string(s.outErrors()) + " errors\n";
+   o += "  Output: " + std::to_string(total(out)) + " packets (" + cell(v, out[0]) + " unicast, " +
+        cell(v, out[1]) + " multicast, " + cell(v, out[2]) + " broadcast), " + maybe(s.outOctets()) + " bytes, " +
+        maybe(s.outDiscards()) + " discards, " + std::to_string(s.outErrors()) + " errors\n";
    return o;
 }
 
 std::string jsonString(std::string_view s) {
    std::string o = "\"";
-   for (unsigned char c : s) {
-      switch (c) {
+   for (size_t i = 0; i < s.size();) {
+      auto [cp, n] = decode(s, i);
+      if (n == 0) {
+         o += "\\ufffd";
+         ++i;
+         continue;
+      }
+      i += n;
+      switch (cp) {
       case '"': o += "\\\""; break;
       case '\\': o += "\\\\"; break;
       case '\n': o += "\\n"; break;
       case '\r': o += "\\r"; break;
       case '\t': o += "\\t"; break;
       default:
-         if (c < 0x20) {
+         if (cp < 0x20 || cp == 0x7f) {
             char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", c);
+            std::snprintf(buf, sizeof buf, "\\u%04x", unsigned(cp));
             o += buf;
          } else {
-            o += char(c);
+            o.append(s.substr(i - n, n));
          }
       }
    }
    return o + "\"";
 }
 
-std::string toJson(std::vector<IntfView> rows) {
+std::string toJson(std::string const & command, std::vector<IntfView> rows) {
    sortRows(rows);
-   std::string o = "{\"interfaces\": {";
+   bool all = command == "interface";
+   std::string o = "{\"version\": " + std::to_string(jsonVersion) + ", \"command\": " + jsonString(command) +
+                   ", \"interfaces\": {";
    bool first = true;
    for (auto const & v : rows) {
+      bool counted = v.hasCounters && (all || command == "counters" || command == "rates");
+      if (!all && command != "status" && !counted) continue;
       if (!first) o += ", ";
       first = false;
-      o += jsonString(name(v)) + ": {";
-      o += "\"description\": " + jsonString(v.description);
-      o += ", \"device\": " + jsonString(v.device);
-      o += ", \"namespace\": " + jsonString(v.netNs.empty() ? "default" : v.netNs);
-      o += ", \"adminUp\": " + std::string(v.adminUp ? "true" : "false");
-      o += ", \"operStatus\": " + jsonString(operName(v.operStatus));
-      o += ", \"operChanges\": " + std::to_string(v.changes);
-      o += ", \"lastChange\": " + jsonNumber(v.lastChange);
-      o += ", \"mtu\": " + std::to_string(v.mtu);
-      o += ", \"maxMtu\": " + std::to_string(v.maxMtu);
-      o += ", \"speedBps\": " + std::to_string(v.speedBps);
-      if (v.hasCounters) {
-         auto const & s = v.stats;
-         auto const & r = v.rates;
-         auto maybe = [](Brik::MaybeU63 m) {
-            return m.hasValue() ? std::to_string(m.value()) : std::string("null");
-         };
-         o += ", \"counters\": {\"inOctets\": " + std::to_string(s.inOctets()) +
-              ", \"inUcastPkts\": " + std::to_string(s.inUcastPkts()) +
-              ", \"inMulticastPkts\": " + std::to_string(s.inMulticastPkts()) +
-              ", \"inBroadcastPkts\": " + std::to_string(s.inBroadcastPkts()) +
-              ", \"inDiscards\": " + std::to_string(s.inDiscards()) +
-              ", \"inErrors\": " + std::to_string(s.inErrors()) +
-              ", \"outOctets\": " + maybe(s.outOctets()) +
-              ", \"outUcastPkts\": " + std::to_string(s.outUcastPkts()) +
-              ", \"outMulticastPkts\": " + std::to_string(s.outMulticastPkts()) +
-              ", \"outBroadcastPkts\": " + std::to_string(s.outBroadcastPkts()) +
-              ", \"outDiscards\": " + maybe(s.outDiscards()) +
-              ", \"outErrors\": " + std::to_string(s.outErrors()) +
-              ", \"lastUpdate\": " + jsonNumber(s.lastUpdate()) +
-              ", \"stale\": " + (v.countersStale ? "true" : "false") + "}";
-         o += ", \"rates\": {\"loadInterval\": " + jsonNumber(v.loadInterval) +
-              ", \"inBitsRate\": " + jsonNumber(r.inBitsRate()) +
-              ", \"inPktsRate\": " + jsonNumber(r.inPktsRate()) +
-              ", \"outBitsRate\": " + jsonNumber(r.outBitsRate()) +
-              ", \"outPktsRate\": " + jsonNumber(r.outPktsRate()) +
-              ", \"statsUpdateTime\": " + jsonNumber(r.statsUpdateTime()) + "}";
-      }
-      o += "}";
+      std::string fields;
+      auto add = [&](std::string const & f) { fields += (fields.empty() ? "" : ", ") + f; };
+      if (all || command == "status") add(statusJson(v));
+      if (v.hasCounters && (all || command == "counters")) add((all ? "\"counters\": {" : "") + countersJson(v) + (all ? "}" : ""));
+      if (v.hasCounters && (all || command == "rates")) add((all ? "\"rates\": {" : "") + ratesJson(v) + (all ? "}" : ""));
+      o += jsonString(name(v)) + ": {" + fields + "}";
    }
    return o + "}}\n";
 }

@@ -1,20 +1,15 @@
-// Stop and reload signals through a signalfd; see Signals.h.
+// The agents' signals through a signalfd; see Signals.h.
 #include "Signals.h"
 
 #include <sys/signalfd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-
-#include <cstring>
 
 namespace IntfApp {
 
-Signals::Signals(bool hangUpReloads) {
+Signals::Signals() {
+   for (int s : {SIGUSR1, SIGUSR2, SIGPIPE}) ::signal(s, SIG_IGN);
    sigemptyset(&set_);
-   sigaddset(&set_, SIGTERM);
-   sigaddset(&set_, SIGINT);
-   if (hangUpReloads) sigaddset(&set_, SIGHUP);
+   for (int s : {SIGTERM, SIGINT, SIGQUIT, SIGHUP}) sigaddset(&set_, s);
    if (::sigprocmask(SIG_BLOCK, &set_, nullptr) == 0) fd_ = ::signalfd(-1, &set_, SFD_NONBLOCK | SFD_CLOEXEC);
 }
 
@@ -32,19 +27,6 @@ void Signals::onReadable() {
          stop_ = int(si.ssi_signo);
       }
    }
-}
-
-bool someoneListens(std::string const & path) {
-   if (path.empty() || path[0] == '@') return false;  // binding an abstract name in use fails anyway
-   sockaddr_un a{};
-   a.sun_family = AF_UNIX;
-   if (path.size() >= sizeof a.sun_path) return false;
-   std::memcpy(a.sun_path, path.data(), path.size());
-   int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   if (fd < 0) return false;
-   bool yes = ::connect(fd, reinterpret_cast<sockaddr *>(&a), sizeof a) == 0;
-   ::close(fd);
-   return yes;
 }
 
 } // namespace IntfApp

@@ -1,10 +1,9 @@
-// SIGTERM and SIGINT (and SIGHUP, for an agent that re-reads its files) as
-// events of the activity loop, through a signalfd: the signals are blocked,
-// so nothing runs in a signal handler. Also: whether a server already
-// listens on a socket path, so that an agent never takes another's socket.
+// The signals of the interface agents as events of the activity loop,
+// through a signalfd (the signals are blocked, so nothing runs in a signal
+// handler): SIGTERM, SIGINT and SIGQUIT ask the agent to stop (it removes
+// its socket file on the way out), SIGHUP to read its files again. SIGUSR1,
+// SIGUSR2 and SIGPIPE are ignored, so that a stray one cannot end an agent.
 #pragma once
-
-#include <string>
 
 #include <Kel/ActivityLoop.h>
 
@@ -14,9 +13,7 @@ namespace IntfApp {
 
 class Signals : public Kel::ActivityLoop::Source {
  public:
-   // With `hangUpReloads`, SIGHUP asks for a reload instead of ending the
-   // program (its default action).
-   explicit Signals(bool hangUpReloads = false);
+   Signals();
    ~Signals() override;
    Signals(Signals const &) = delete;
    Signals & operator=(Signals const &) = delete;
@@ -39,9 +36,5 @@ class Signals : public Kel::ActivityLoop::Source {
    int stop_ = 0;
    bool reload_ = false;
 };
-
-// True when a server accepts connections at `path` (another running agent,
-// whose socket must not be taken away).
-bool someoneListens(std::string const & path);
 
 } // namespace IntfApp

@@ -121,4 +121,23 @@ Kel::LogMessage const & linkStatusMessage() {
    return m;
 }
 
+Kel::LogMessage const & mappingReloadedMessage() {
+   static auto const & m = message(
+         {"INTF_AGENT_MAPPING_RELOADED", Kel::LogSeverity::notice, "device mappings read again from %s",
+          "The agent's configuration file changed or SIGHUP asked for it: devices whose explicit "
+          "mapping changed are modelled by the new one; a device an interface leaves keeps its "
+          "settings.",
+          "", 0});
+   return m;
+}
+
+Kel::LogMessage const & mappingRejectedMessage() {
+   static auto const & m = message(
+         {"INTF_AGENT_MAPPING_REJECTED", Kel::LogSeverity::error, "%s",
+          "The agent's configuration file could not be used for device mappings; the previous "
+          "mappings stay.",
+          "Correct the named line of the file; it is read again when saved.", 0});
+   return m;
+}
+
 } // namespace IntfApp

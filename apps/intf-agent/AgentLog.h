@@ -19,5 +19,7 @@ Kel::LogMessage const & deviceUnmodelledMessage();
 Kel::LogMessage const & kernelRefusedMessage();
 Kel::LogMessage const & linkResyncMessage();
 Kel::LogMessage const & linkStatusMessage();
+Kel::LogMessage const & mappingReloadedMessage();
+Kel::LogMessage const & mappingRejectedMessage();
 
 } // namespace IntfApp

@@ -5,21 +5,30 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <set>
 #include <vector>
 
 namespace IntfApp {
 
 using Interface::IntfOperStatus;
 
-std::string metricsText(HostNamespaces const & namespaces) {
+std::string metricsText(HostNamespaces const & namespaces, ConfigMount const * config) {
    struct Row {
       std::string intf, device, ns;
-      HostDevice const * d;
+      HostDevice const * d;  // null: configured, no device
    };
    std::vector<Row> rows;
+   std::set<uint64_t> modelled;
    for (auto const & [name, n] : namespaces) {
       for (auto const & [ifindex, d] : n.devices) {
-         if (!d.intf.isNull()) rows.push_back({d.intf.stringValue().str(), d.info.name, name, &d});
+         if (d.intf.isNull()) continue;
+         rows.push_back({d.intf.stringValue().str(), d.info.name, name, &d});
+         modelled.insert(d.intf.intfIdValue());
+      }
+   }
+   if (config && config->intfs()) {
+      for (auto const & m : config->intfs()->intfConfigRange()) {
+         if (!modelled.count(m.key().intfIdValue())) rows.push_back({m.key().stringValue().str(), "", "", nullptr});
       }
    }
    std::sort(rows.begin(), rows.end(), [](Row const & a, Row const & b) { return a.intf < b.intf; });
@@ -27,6 +36,15 @@ std::string metricsText(HostNamespaces const & namespaces) {
    auto labels = [](Row const & r) {
       return Labels{{"interface", r.intf}, {"device", r.device}, {"namespace", r.ns}};
    };
+   // One family: a sample for each row `has`, valued by `get`.
+   auto family = [&](char const * name, char const * type, char const * help, auto has, auto get) {
+      m.family(name, type, help);
+      for (auto const & r : rows) {
+         if (has(r)) m.sample(name, labels(r), get(r));
+      }
+   };
+   auto counted = [](Row const & r) { return r.d && r.d->counters.primed; };
+   auto present = [](Row const & r) { return r.d != nullptr; };
    using Stats = Interface::IntfStatistics;
    struct Total {
       char const * name;
@@ -36,11 +54,11 @@ std::string metricsText(HostNamespaces const & namespaces) {
    static Total const totals[] = {
       {"intf_in_octets_total", "Octets received.", [](Stats const & s) { return s.inOctets(); }},
       {"intf_out_octets_total", "Octets sent.", [](Stats const & s) { return s.outOctets().value(); }},
-      {"intf_in_unicast_packets_total", "Unicast packets received.", [](Stats const & s) { return s.inUcastPkts(); }},
+      {"intf_in_packets_total", "Packets received, of every kind.",
+       [](Stats const & s) { return s.inUcastPkts() + s.inMulticastPkts(); }},
       {"intf_in_multicast_packets_total", "Multicast packets received.",
        [](Stats const & s) { return s.inMulticastPkts(); }},
-      {"intf_out_unicast_packets_total", "Packets sent (the kernel does not tell unicast from the others).",
-       [](Stats const & s) { return s.outUcastPkts(); }},
+      {"intf_out_packets_total", "Packets sent, of every kind.", [](Stats const & s) { return s.outUcastPkts(); }},
       {"intf_in_discards_total", "Received packets dropped.", [](Stats const & s) { return s.inDiscards(); }},
       {"intf_out_discards_total", "Packets dropped on sending.",
        [](Stats const & s) { return s.outDiscards().value(); }},
@@ -48,10 +66,7 @@ std::string metricsText(HostNamespaces const & namespaces) {
       {"intf_out_errors_total", "Transmit errors.", [](Stats const & s) { return s.outErrors(); }},
    };
    for (auto const & t : totals) {
-      m.family(t.name, "counter", t.help);
-      for (auto const & r : rows) {
-         if (r.d->counters.primed) m.sample(t.name, labels(r), t.get(r.d->counters.totals));
-      }
+      family(t.name, "counter", t.help, counted, [&](Row const & r) { return t.get(r.d->counters.totals); });
    }
    using Rates = Interface::IntfRates;
    struct Rate {
@@ -60,37 +75,35 @@ std::string metricsText(HostNamespaces const & namespaces) {
       double (*get)(Rates const &);
    };
    static Rate const rates[] = {
-      {"intf_in_bits_per_second", "Receive rate, averaged over the load interval.",
-       [](Rates const & r) { return double(r.inBitsRate()); }},
-      {"intf_out_bits_per_second", "Transmit rate, averaged over the load interval.",
-       [](Rates const & r) { return double(r.outBitsRate()); }},
+      {"intf_in_bytes_per_second", "Receive rate in bytes per second, averaged over the load interval.",
+       [](Rates const & r) { return double(r.inBitsRate()) / 8; }},
+      {"intf_out_bytes_per_second", "Transmit rate in bytes per second, averaged over the load interval.",
+       [](Rates const & r) { return double(r.outBitsRate()) / 8; }},
       {"intf_in_packets_per_second", "Packets received per second, averaged over the load interval.",
        [](Rates const & r) { return double(r.inPktsRate()); }},
       {"intf_out_packets_per_second", "Packets sent per second, averaged over the load interval.",
        [](Rates const & r) { return double(r.outPktsRate()); }},
    };
    for (auto const & t : rates) {
-      m.family(t.name, "gauge", t.help);
-      for (auto const & r : rows) {
-         if (r.d->counters.primed) m.sample(t.name, labels(r), t.get(r.d->counters.rates));
-      }
+      family(t.name, "gauge", t.help, counted, [&](Row const & r) { return t.get(r.d->counters.rates); });
    }
-   m.family("intf_mtu", "gauge", "The device's MTU in bytes.");
-   for (auto const & r : rows) m.sample("intf_mtu", labels(r), uint64_t(r.d->status->mtu()));
-   m.family("intf_oper_up", "gauge", "1 when the interface is operationally up, else 0.");
-   for (auto const & r : rows) {
-      m.sample("intf_oper_up", labels(r), uint64_t(r.d->status->operStatus() == IntfOperStatus::intfOperUp));
-   }
+   auto all = [](Row const &) { return true; };
+   family("intf_present", "gauge", "1 when a device carries the interface, 0 when it is configured but no device does.",
+          all, [](Row const & r) { return uint64_t(r.d != nullptr); });
+   family("intf_mtu", "gauge", "The device's MTU in bytes.", present,
+          [](Row const & r) { return uint64_t(r.d->status->mtu()); });
+   family("intf_admin_up", "gauge",
+          "1 when the device is administratively up (its kernel flag IFF_UP), else 0: what the device has, "
+          "whatever the configuration asks.",
+          present, [](Row const & r) { return uint64_t(r.d->status->active()); });
+   family("intf_oper_up", "gauge", "1 when the interface is operationally up, else 0 (also when not present).", all,
+          [](Row const & r) { return uint64_t(r.d && r.d->status->operStatus() == IntfOperStatus::intfOperUp); });
    // The model's oper history: how often the status changed, and when last.
-   m.family("intf_oper_changes_total", "counter", "Operational status changes since the agent found the device.");
-   for (auto const & r : rows) {
-      m.sample("intf_oper_changes_total", labels(r), uint64_t(r.d->status->operStatusChange().count()));
-   }
-   m.family("intf_oper_last_change_timestamp_seconds", "gauge",
-            "When the operational status last changed (seconds since the epoch; 0 if never).");
-   for (auto const & r : rows) {
-      m.sample("intf_oper_last_change_timestamp_seconds", labels(r), double(r.d->status->operStatusChange().time()));
-   }
+   family("intf_oper_changes_total", "counter", "Operational status changes since the agent found the device.",
+          present, [](Row const & r) { return uint64_t(r.d->status->operStatusChange().count()); });
+   family("intf_oper_last_change_timestamp_seconds", "gauge",
+          "When the operational status last changed (seconds since the epoch; 0 if never).", present,
+          [](Row const & r) { return double(r.d->status->operStatusChange().time()); });
    return m.text();
 }
 

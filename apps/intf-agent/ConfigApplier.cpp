@@ -2,6 +2,7 @@
 #include "ConfigApplier.h"
 
 #include "AgentLog.h"
+#include "ConfigApply.h"
 
 #include <Intf/SyncMtu.h>
 
@@ -56,6 +57,7 @@ void ConfigApplier::applyAdmin(HostNamespace & n, HostDevice & d, Interface::Int
 }
 
 void ConfigApplier::applyMtu(HostNamespace & n, HostDevice & d, Interface::IntfConfig const & cfg) {
+   if (!setsMtu(cfg)) return;
    uint32_t want = cfg.mtu();
    if (d.info.maxMtu && want > d.info.maxMtu) want = d.info.maxMtu;
    if (want == d.info.mtu) {

@@ -1,11 +1,12 @@
 // The interfaces' configuration (mounted from intf-configd, see
-// ConfigMount.h) applied to their devices: an interface with a
-// configuration gets the configured MTU (which defaults to 1500, as in the
-// model: clipped to the device's maximum when the kernel reports one) and,
-// when its administrative state is set, up or down. The device's namespace
-// is where the device is found. A kernel refusal is logged once per
-// interface and setting and not retried until the setting or the device
-// changes.
+// ConfigMount.h) applied to their devices, and only what it sets: an
+// interface whose configuration sets an MTU (setsMtu in ConfigApply.h)
+// gets it (clipped to the device's maximum when the kernel reports one,
+// by the model's MTU rule), one whose administrative state is set is put
+// up or down. A device whose setting is not configured keeps what it has,
+// whoever set it. The device's namespace is where the device is found. A
+// kernel refusal is logged once per interface and setting and not retried
+// until the setting or the device changes.
 #pragma once
 
 #include "ConfigMount.h"

@@ -20,19 +20,22 @@ class ConfigMount::Reactor : public Kel::Entity::NotifieeConst {
 
 namespace {
 
-Kel::NboAttrLog::Client::Options reconnecting() {
+Kel::NboAttrLog::Client::Options reconnecting(Kel::PeerTrust servers) {
    Kel::NboAttrLog::Client::Options o;
    o.reconnect = true;
+   o.servers = std::move(servers);
    return o;
 }
 
 } // namespace
 
-ConfigMount::ConfigMount(Kel::ActivityLoop & loop, std::string socket, std::function<void()> changed)
-      : socket_(std::move(socket)), changed_(std::move(changed)), client_(loop, socket_, "", reconnecting()) {
+ConfigMount::ConfigMount(Kel::ActivityLoop & loop, std::string socket, std::function<void()> changed,
+                         Kel::PeerTrust servers)
+      : socket_(std::move(socket)), changed_(std::move(changed)),
+        client_(loop, socket_, "", reconnecting(std::move(servers))) {
    client_.onSynced = [this](Kel::Ptr<Kel::Entity> root) { mounted(root); };
    client_.onClosed = [this](Kel::String8 const & why) { closed(why); };
-   // Each failed attempt would be traced; the log above says it once.
+   // Failed attempts are traced; the log says it once per outage.
    Kel::traceLevelIs("Kel::Agent", -1);
 }
 
@@ -48,7 +51,6 @@ Kel::Ptr<Interface::IntfConfig const> ConfigMount::intfConfig(Zenet::IntfId id) 
 
 void ConfigMount::mounted(Kel::Ptr<Kel::Entity> const & root) {
    wasSynced_ = true;
-   waitReported_ = false;
    global_ = Kel::dynamicCast<Interface::GlobalIntfConfig>(root->entity("global"));
    intfs_ = Kel::dynamicCast<Interface::AllIntfConfigDir>(root->entity("intf"));
    globalReactor_ = Kel::makePtr<Reactor>(changed_);
@@ -67,10 +69,9 @@ void ConfigMount::mounted(Kel::Ptr<Kel::Entity> const & root) {
 }
 
 void ConfigMount::closed(Kel::String8 const & why) {
-   // Reported once per lost connection, not for every attempt to get one.
-   if (!wasSynced_) return;
+   // The client tells of each outage once, not of every attempt to end it.
+   Kel::logEvent(wasSynced_ ? configLostMessage() : configWaitingMessage(), socket_, why);
    wasSynced_ = false;
-   Kel::logEvent(configLostMessage(), socket_, why);
 }
 
 } // namespace IntfApp

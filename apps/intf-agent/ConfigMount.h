@@ -5,7 +5,9 @@
 // interface configured or unconfigured, any attribute of one.
 //
 // While intf-configd is away the last configuration stays in force; a
-// restarted one is mounted again and replaces it.
+// restarted one is mounted again and replaces it. Only a server run by
+// root, the agent's own user or one of `servers` is mounted from: another
+// user's server on the same socket name is refused and logged.
 #pragma once
 
 #include <Intf/GlobalIntfConfig.h>
@@ -20,7 +22,8 @@ namespace IntfApp {
 
 class ConfigMount {
  public:
-   ConfigMount(Kel::ActivityLoop & loop, std::string socket, std::function<void()> changed);
+   ConfigMount(Kel::ActivityLoop & loop, std::string socket, std::function<void()> changed,
+               Kel::PeerTrust servers = {});
    ~ConfigMount();
    ConfigMount(ConfigMount const &) = delete;
    ConfigMount & operator=(ConfigMount const &) = delete;
@@ -42,7 +45,6 @@ class ConfigMount {
    std::function<void()> changed_;
    Kel::NboAttrLog::Client client_;
    bool wasSynced_ = false;
-   bool waitReported_ = false;
    Kel::Ptr<Interface::GlobalIntfConfig const> global_;
    Kel::Ptr<Interface::AllIntfConfigDir const> intfs_;
    Kel::Ptr<Reactor> globalReactor_, dirReactor_;

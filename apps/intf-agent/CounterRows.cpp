@@ -36,8 +36,15 @@ void CounterRows::fold(HostNamespace & n) {
    for (auto & [ifindex, d] : n.devices) {
       if (d.intf.isNull() || !d.fresh) continue;
       d.fresh = false;
-      foldSample(d.counters, d.latest, now, loadInterval(d.intf), global);
+      Interface::LoadInterval li = loadInterval(d.intf);
       Smash::Interface::IntfCounter row;
+      if (!d.counters.primed && table_->counterFind(d.intf, &row)) {
+         // An earlier run's row: rates go on from it within one load interval.
+         double window = double(li.useDefault() ? global.val() : li.val());
+         resumeFrom(d.counters, row.statistics(), row.rates(), now, window);
+      }
+      foldSample(d.counters, d.latest, now, li, global);
+      row = Smash::Interface::IntfCounter();
       row.keyIs(d.intf);
       row.statisticsIs(d.counters.totals);
       row.ratesIs(d.counters.rates);

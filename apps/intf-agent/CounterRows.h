@@ -2,6 +2,8 @@
 // modelled interface. When a dump of a namespace ends, the statistics it
 // brought are folded into totals and rates (CounterSampler.h) on the
 // monotonic clock, and the rows are written and committed together. A
+// device first seen where the table holds a row of an earlier run younger
+// than the load interval continues that row's totals and rates. A
 // device that goes loses its row; rows left by an earlier run for devices
 // that are no longer there are removed once every namespace has been read.
 #pragma once

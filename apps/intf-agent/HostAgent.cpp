@@ -4,6 +4,8 @@
 #include "AgentLog.h"
 #include "AgentMetrics.h"
 
+#include <linux/if.h>
+
 namespace IntfApp {
 
 namespace {
@@ -25,7 +27,7 @@ KernelDevice kernelDevice(std::string const & ns, LinkInfo const & info) {
 
 HostAgent::HostAgent(Kel::ActivityLoop & loop, std::string netNsDir, ConfigFile const & deviceConfig,
                      ConfigMount const * config)
-      : deviceMap_(deviceConfig), counters_(config), tree_(counters_.table(), config), applier_(config),
+      : config_(config), deviceMap_(deviceConfig), counters_(config), tree_(counters_.table(), config), applier_(config),
         discovery_(loop, std::move(netNsDir), *this) {}
 
 void HostAgent::settle() {
@@ -33,7 +35,7 @@ void HostAgent::settle() {
    applier_.apply(discovery_.namespaces());
 }
 
-std::string HostAgent::metricsText() const { return IntfApp::metricsText(discovery_.namespaces()); }
+std::string HostAgent::metricsText() const { return IntfApp::metricsText(discovery_.namespaces(), config_); }
 
 // ---- mapping ---------------------------------------------------------------------------
 
@@ -46,7 +48,30 @@ void HostAgent::model(HostNamespace & n, HostDevice & d) {
       return;
    }
    tree_.add(n, d);
+   d.status->activeIs(d.info.flags & IFF_UP);
    applier_.heard(d, nullptr);
+}
+
+void HostAgent::unmodel(HostNamespace & n, HostDevice & d) {
+   tree_.remove(n, d);
+   counters_.remove(d.intf);
+   deviceMap_.release(n.name, d.info.ifindex);
+   d.intf = Zenet::IntfId();
+   d.status = nullptr;
+   d.reported = false;
+}
+
+void HostAgent::remap(ConfigFile const & deviceConfig) {
+   auto changes = deviceMap_.configure(deviceConfig);
+   if (changes.devices.empty()) return;
+   for (auto & [name, n] : discovery_.namespaces()) {
+      for (auto & [ifindex, d] : n.devices) {
+         if (!d.intf.isNull() && changes.touches(n.name, d.info.name, d.intf)) unmodel(n, d);
+      }
+   }
+   counters_.commit();
+   retryUnmodelled();
+   applier_.changed();
 }
 
 void HostAgent::retryUnmodelled() {
@@ -64,14 +89,12 @@ void HostAgent::deviceFound(HostNamespace & n, HostDevice & d) { model(n, d); }
 void HostAgent::deviceChanged(HostNamespace & n, HostDevice & d, LinkInfo const & was) {
    if (d.intf.isNull()) return;
    tree_.update(n, d, was);
+   d.status->activeIs(d.info.flags & IFF_UP);
    applier_.heard(d, &was);
 }
 
 void HostAgent::deviceGone(HostNamespace & n, HostDevice & d) {
-   if (d.intf.isNull()) return;
-   tree_.remove(n, d);
-   counters_.remove(d.intf);
-   deviceMap_.release(n.name, d.info.ifindex);
+   if (!d.intf.isNull()) unmodel(n, d);
 }
 
 void HostAgent::devicesGone() {

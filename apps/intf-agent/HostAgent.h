@@ -9,7 +9,9 @@
 // into the kernel) and AgentMetrics (monitoring scrapes). The agent wires
 // them, and maps devices to interfaces by DeviceMap's rule: a device whose
 // interface another device holds stays unmodelled (logged once) and is
-// tried again whenever a device goes.
+// tried again whenever a device goes. A status's `active` is whether its
+// device is administratively up (IFF_UP): what the device has, whatever
+// the configuration asks.
 #pragma once
 
 #include "ConfigApplier.h"
@@ -47,6 +49,10 @@ class HostAgent : private DeviceDiscovery::Events {
    void sample() { discovery_.sample(); }
    // Something in the configuration changed: applied by settle().
    void configChanged() { applier_.changed(); }
+   // The agent's own configuration file changed: devices whose explicit
+   // mapping came, went or moved are modelled again by the new mapping
+   // (the device an interface leaves keeps its settings).
+   void remap(ConfigFile const & deviceConfig);
    // Run after each round of the loop: catches up with the namespace
    // directory and applies the configuration when either moved.
    void settle();
@@ -63,9 +69,12 @@ class HostAgent : private DeviceDiscovery::Events {
 
    // Gives a device its interface, if it may have one.
    void model(HostNamespace & n, HostDevice & d);
+   // Takes a device's interface away.
+   void unmodel(HostNamespace & n, HostDevice & d);
    // A device refused an interface that another device held may have it now.
    void retryUnmodelled();
 
+   ConfigMount const * config_;
    DeviceMap deviceMap_;
    CounterRows counters_;
    ServedTree tree_;

@@ -4,21 +4,24 @@
 // over a Unix-domain socket and a shared-memory counter table, applies the
 // interfaces' configuration from intf-configd to the devices, and answers
 // monitoring scrapes. The served tree is described in ServedTree.h.
+// Its readers are root, its own user and those allowed on the command
+// line; it takes configuration only from a server run by root, its own
+// user or a user named with --config-user.
+#include "AgentLog.h"
+#include "CommandLine.h"
 #include "ConfigFile.h"
 #include "ConfigMount.h"
-#include "AgentLog.h"
+#include "ConfigReload.h"
 #include "HostAgent.h"
 #include "MetricsServer.h"
 #include "NsSocket.h"
 #include "Paths.h"
+#include "PeerOptions.h"
+#include "ProgramLog.h"
 #include "Signals.h"
 
 #include <Kel/Agent.h>
 #include <Smash/Table.h>
-
-#include <signal.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -33,87 +36,77 @@ namespace {
 
 constexpr char const * program = "intf-agent";
 
-void usage(std::FILE * to) {
-   std::fprintf(to,
-                "usage: %s [--socket PATH] [--config-socket PATH] [--config FILE] [--interval SECONDS]\n"
-                "          [--metrics ADDRESS:PORT] [--netns-dir DIR] [--shm-prefix PREFIX]\n"
-                "Models the kernel's network devices as interfaces and serves their status and\n"
-                "counters to the interface agents.\n"
-                "  --socket PATH         where to serve (default %s); a path\n"
-                "                        starting with '@' is an abstract socket\n"
-                "  --config-socket PATH  intf-configd's socket, whose configuration is applied\n"
-                "                        to the devices (default %s)\n"
-                "  --config FILE         a configuration file whose device= settings map devices\n"
-                "                        to interfaces (read at start)\n"
-                "  --interval SECONDS    how often counters are sampled (default 1; fractions allowed)\n"
-                "  --metrics ADDRESS:PORT  answer GET /metrics there (\"127.0.0.1:9100\", \":9100\",\n"
-                "                        \"[::1]:9100\")\n"
-                "  --netns-dir DIR       where named network namespaces are (default %s)\n"
-                "  --shm-prefix PREFIX   name prefix of the shared-memory counter table (\"/name-\")\n"
-                "  --help                this text\n"
-                "SIGTERM or SIGINT stop the agent. Exit status: 0 stopped, 1 cannot start,\n"
-                "2 bad arguments.\n",
-                program, IntfApp::agentSocketPath().c_str(), IntfApp::defaultConfigSocket().c_str(),
-                IntfApp::standardNetNsDir);
+IntfApp::CommandLine commandLine() {
+   std::vector<IntfApp::OptionSpec> options = {
+      {"--socket", "PATH",
+       "where to serve (default " + IntfApp::agentSocketPath() + ");\na path starting with '@' is an abstract socket"},
+      {"--config-socket", "PATH",
+       "intf-configd's socket, whose configuration is applied to the devices\n(default " +
+             IntfApp::defaultConfigSocket() + ")"},
+      {"--config-user", "USER",
+       "a user besides root and this agent's own whose configuration server\nis trusted (repeatable)",
+       true},
+      {"--config", "FILE",
+       "a configuration file whose device= and netns= settings map devices to\ninterfaces (read again "
+       "when it changes and on SIGHUP)"},
+      {"--interval", "SECONDS", "how often counters are sampled (default 1; fractions allowed)"},
+      {"--metrics", "ADDRESS:PORT",
+       "answer GET /metrics there (\"127.0.0.1:9100\", \":9100\", \"[::1]:9100\")"},
+      {"--netns-dir", "DIR", std::string("where named network namespaces are (default ") +
+                                   IntfApp::standardNetNsDir + ")"},
+      {"--shm-prefix", "PREFIX", "name prefix of the shared-memory counter table (\"/name-\", default \"" +
+                                       Smash::shmPrefix() + "\")"},
+      {"--log-level", "LEVEL",
+       "the least severe log events written: " + std::string(IntfApp::logLevelNames) + "\n(default info)"},
+   };
+   for (auto & o : IntfApp::readerOptions("the status tree")) options.push_back(o);
+   return IntfApp::CommandLine(
+         program, "[options]",
+         "Models the kernel's network devices as interfaces, serves their status and\n"
+         "counters to the interface agents and applies their configured MTU and\n"
+         "administrative state (only those the configuration sets).",
+         options,
+         "SIGHUP reads the --config file again; SIGTERM, SIGINT and SIGQUIT stop the\n"
+         "agent, which removes its socket file; SIGUSR1 and SIGUSR2 are ignored. Log\n"
+         "lines go to standard error, timed unless it is the journal. Exit status:\n"
+         "0 stopped, 1 cannot start, 2 bad arguments.");
 }
 
 struct Options {
-   std::string socket, configSocket, config, metrics, shmPrefix;
-   std::string netNsDir = IntfApp::standardNetNsDir;
+   std::string socket, configSocket, config, metrics, shmPrefix, netNsDir;
    double interval = 1;
-   std::string intervalText = "1";
+   std::string intervalText;
+   Kel::PeerTrust readers, configServers;
 };
 
-int bad(std::string const & why) {
-   std::fprintf(stderr, "%s: %s\n", program, why.c_str());
-   return 2;
-}
-
-// Returns 0 to go on, else the exit status (-1 after --help).
-int parseArgs(int argc, char ** argv, Options * o) {
-   for (int i = 1; i < argc; ++i) {
-      std::string a = argv[i];
-      std::string value;
-      bool inlineValue = false;
-      if (size_t eq = a.find('='); a.rfind("--", 0) == 0 && eq != std::string::npos) {
-         value = a.substr(eq + 1);
-         a.resize(eq);
-         inlineValue = true;
-      }
-      if ((a == "--help" || a == "-h") && !inlineValue) {
-         usage(stdout);
-         return -1;
-      }
-      std::string * target = a == "--socket"          ? &o->socket
-                           : a == "--config-socket" ? &o->configSocket
-                           : a == "--config"        ? &o->config
-                           : a == "--metrics"       ? &o->metrics
-                           : a == "--shm-prefix"    ? &o->shmPrefix
-                           : a == "--netns-dir"     ? &o->netNsDir
-                           : a == "--interval"      ? &o->intervalText
-                                                    : nullptr;
-      if (!target) {
-         usage(stderr);
-         return bad("unknown argument " + std::string(argv[i]));
-      }
-      if (!inlineValue) {
-         if (i + 1 == argc) return bad(a + " needs a value");
-         value = argv[++i];
-      }
-      if (value.empty()) return bad(a + " needs a value");
-      *target = value;
-   }
+// Returns 0 to go on, else the exit status.
+int check(IntfApp::CommandLine const & cl, Options * o) {
+   if (!cl.words().empty()) return cl.bad("unexpected argument " + cl.words().front());
+   o->socket = cl.value("--socket");
+   o->configSocket = cl.value("--config-socket");
+   o->config = cl.value("--config");
+   o->metrics = cl.value("--metrics");
+   o->shmPrefix = cl.value("--shm-prefix");
+   o->netNsDir = cl.value("--netns-dir", IntfApp::standardNetNsDir);
+   o->intervalText = cl.value("--interval", "1");
    char * end = nullptr;
    errno = 0;
    o->interval = std::strtod(o->intervalText.c_str(), &end);
    if (errno || *end || !std::isfinite(o->interval) || o->interval < 0.01 || o->interval > 3600) {
-      return bad("--interval takes seconds from 0.01 to 3600, not " + o->intervalText);
+      return cl.bad("--interval takes seconds from 0.01 to 3600, not " + o->intervalText);
    }
    if (!o->shmPrefix.empty() &&
        (o->shmPrefix[0] != '/' || o->shmPrefix.find('/', 1) != std::string::npos || o->shmPrefix.size() > 100)) {
-      return bad("--shm-prefix must start with '/', hold no other '/' and be at most 100 bytes");
+      return cl.bad("--shm-prefix must start with '/', hold no other '/' and be at most 100 bytes");
    }
    while (o->netNsDir.size() > 1 && o->netNsDir.back() == '/') o->netNsDir.pop_back();
+   std::string why;
+   if (!IntfApp::readersOf(cl, &o->readers, &why) ||
+       !IntfApp::usersOf(cl.values("--config-user"), &o->configServers.uids, &why)) {
+      return cl.bad(why);
+   }
+   why = IntfApp::logTo(cl.value("--log-level", "info"));
+   if (!why.empty()) return cl.bad(why);
    return 0;
 }
 
@@ -123,17 +116,7 @@ int fatal(std::string const & why) {
 }
 
 int run(Options const & o) {
-   ::signal(SIGPIPE, SIG_IGN);
    if (!o.shmPrefix.empty()) Smash::shmPrefixIs(o.shmPrefix);
-
-   IntfApp::ConfigFile deviceConfig;
-   if (!o.config.empty()) {
-      try {
-         deviceConfig = IntfApp::readConfigFile(o.config);
-      } catch (std::exception const & e) {
-         return fatal(e.what());
-      }
-   }
    std::string socket = o.socket, configSocket = o.configSocket;
    if (socket.empty() || configSocket.empty()) {
       std::string why = IntfApp::makeRuntimeDir(IntfApp::runtimeDir());
@@ -141,15 +124,44 @@ int run(Options const & o) {
       if (socket.empty()) socket = IntfApp::agentSocketPath();
       if (configSocket.empty()) configSocket = IntfApp::defaultConfigSocket();
    }
+   Kel::ActivityLoop loop;
    IntfApp::Signals signals;
    if (!signals.valid()) return fatal(std::string("signalfd: ") + std::strerror(errno));
-   if (IntfApp::someoneListens(socket)) return fatal("another server is listening on " + socket);
 
-   Kel::ActivityLoop loop;
+   // The agent's own file: read now, followed from now on (watched before
+   // it is read, so that an edit made meanwhile is not missed).
    IntfApp::HostAgent * agentPtr = nullptr;
-   IntfApp::ConfigMount config(loop, configSocket, [&] {
-      if (agentPtr) agentPtr->configChanged();
-   });
+   IntfApp::ConfigFile deviceConfig;
+   std::string startError;
+   std::optional<IntfApp::ConfigReload> mapping;
+   if (!o.config.empty()) {
+      mapping.emplace(
+            loop, o.config,
+            [&](IntfApp::ConfigFile const & cfg) {
+               if (agentPtr) {
+                  agentPtr->remap(cfg);
+                  Kel::logEvent(IntfApp::mappingReloadedMessage(), o.config);
+               } else {
+                  deviceConfig = cfg;
+               }
+            },
+            [&](IntfApp::ConfigError const & e) {
+               if (agentPtr) {
+                  Kel::logEvent(IntfApp::mappingRejectedMessage(), e.what());
+               } else {
+                  startError = e.what();
+               }
+            });
+      mapping->load();
+      if (!startError.empty()) return fatal(startError);
+      if (!mapping->valid()) return fatal(mapping->error());
+   }
+
+   IntfApp::ConfigMount config(
+         loop, configSocket, [&] {
+            if (agentPtr) agentPtr->configChanged();
+         },
+         o.configServers);
    std::optional<IntfApp::HostAgent> agent;
    try {
       agent.emplace(loop, o.netNsDir, deviceConfig, &config);
@@ -168,7 +180,9 @@ int run(Options const & o) {
       loop.add(&*metrics);
       metricsAt = "on " + o.metrics.substr(0, o.metrics.rfind(':')) + ":" + std::to_string(metrics->port());
    }
-   Kel::NboAttrLog::Server server(loop, socket, agent->root(), program);
+   Kel::NboAttrLog::Server::Options access;
+   access.readers = o.readers;
+   Kel::NboAttrLog::Server server(loop, socket, agent->root(), program, access);
    if (!server.valid()) {
       if (metrics) loop.remove(&*metrics);
       return fatal(server.error());
@@ -180,6 +194,7 @@ int run(Options const & o) {
 
    while (!signals.stop()) {
       loop.runOnce(-1);
+      if (signals.reloadRequested() && mapping && !signals.stop()) mapping->load();
       agent->settle();
    }
    Kel::logEvent(IntfApp::agentStoppingMessage(), std::string(::strsignal(signals.stop())));
@@ -192,7 +207,9 @@ int run(Options const & o) {
 } // namespace
 
 int main(int argc, char ** argv) {
+   IntfApp::CommandLine cl = commandLine();
+   if (int status = cl.parse(argc, argv)) return status < 0 ? 0 : status;
    Options o;
-   if (int status = parseArgs(argc, argv, &o)) return status < 0 ? 0 : status;
+   if (int status = check(cl, &o)) return status;
    return run(o);
 }

@@ -9,14 +9,18 @@
 //              per interface
 //
 // so a reader mounts "" for all of it or "intf" for the interfaces alone.
-// The file is re-read whenever it is written or replaced, and on SIGHUP; a
-// file that cannot be used is reported with its line and changes nothing,
-// so readers keep the last good configuration. Only what an edit changed
-// travels to the readers.
+// The file is re-read when a write to it is finished and on SIGHUP (see
+// ConfigReload.h); a file that cannot be used is reported with its line
+// and changes nothing, so readers keep the last good configuration. Only
+// what an edit changed travels to the readers. Readers are root, the
+// agent's own user and those allowed on the command line.
+#include "CommandLine.h"
 #include "ConfigApply.h"
 #include "ConfigFile.h"
-#include "FileWatch.h"
+#include "ConfigReload.h"
 #include "Paths.h"
+#include "PeerOptions.h"
+#include "ProgramLog.h"
 #include "Signals.h"
 
 #include <Kel/Agent.h>
@@ -36,75 +40,6 @@
 namespace {
 
 constexpr char const * program = "intf-configd";
-
-void usage(std::FILE * to) {
-   std::fprintf(to,
-                "usage: %s --config FILE [--socket PATH] [--once]\n"
-                "Serves the interface configuration of FILE to the interface agents.\n"
-                "  --config FILE   the configuration file\n"
-                "  --socket PATH   where to serve (default %s); a path starting\n"
-                "                  with '@' is an abstract socket\n"
-                "  --once          check FILE: read and apply it, print what it configures\n"
-                "                  and exit (0 when usable, 1 when not)\n"
-                "  --help          this text\n"
-                "FILE is re-read when it changes and on SIGHUP; a file that cannot be used is\n"
-                "reported with its line and the previous configuration stays. SIGTERM or\n"
-                "SIGINT stop the agent. Exit status: 0 stopped, 1 unusable file or cannot\n"
-                "serve, 2 bad arguments.\n",
-                program, IntfApp::defaultConfigSocket().c_str());
-}
-
-struct Options {
-   std::string config;
-   std::string socket;
-   bool once = false;
-};
-
-// Returns 0 to go on, else the exit status (after --help or a bad argument).
-int parseArgs(int argc, char ** argv, Options * o) {
-   for (int i = 1; i < argc; ++i) {
-      std::string a = argv[i];
-      std::string value;
-      bool inlineValue = false;
-      if (size_t eq = a.find('='); a.rfind("--", 0) == 0 && eq != std::string::npos) {
-         value = a.substr(eq + 1);
-         a.resize(eq);
-         inlineValue = true;
-      }
-      if (a == "--help" || a == "-h") {
-         usage(stdout);
-         return -1;
-      }
-      if (a == "--once" && !inlineValue) {
-         o->once = true;
-         continue;
-      }
-      if (a == "--config" || a == "--socket") {
-         if (!inlineValue) {
-            if (i + 1 == argc) {
-               std::fprintf(stderr, "%s: %s needs a value\n", program, a.c_str());
-               return 2;
-            }
-            value = argv[++i];
-         }
-         if (value.empty()) {
-            std::fprintf(stderr, "%s: %s needs a value\n", program, a.c_str());
-            return 2;
-         }
-         (a == "--config" ? o->config : o->socket) = value;
-         continue;
-      }
-      std::fprintf(stderr, "%s: unknown argument %s\n", program, argv[i]);
-      usage(stderr);
-      return 2;
-   }
-   if (o->config.empty()) {
-      std::fprintf(stderr, "%s: --config FILE is required\n", program);
-      usage(stderr);
-      return 2;
-   }
-   return 0;
-}
 
 // The operator-visible events. Each reload is an operator's edit, so none of
 // them is rate-limited.
@@ -187,9 +122,10 @@ void printSummary(std::string const & path, IntfApp::ConfigFile const & cfg, Tre
    for (auto const & s : cfg.intfs) {
       auto c = t.intfs->intfConfig(s.intfId);
       auto st = c->adminEnabledStateLocal();
-      std::printf("%s admin=%s mtu=%u load-interval=%s netns=%s", s.intfId.stringValue().charPtr(),
+      std::printf("%s admin=%s mtu=%s load-interval=%s netns=%s", s.intfId.stringValue().charPtr(),
                   st == IntfEnabledState::enabled ? "up" : st == IntfEnabledState::shutdown ? "down" : "unset",
-                  c->mtu(), interval(c->loadInterval()).c_str(),
+                  IntfApp::setsMtu(*c) ? std::to_string(c->mtu()).c_str() : "unset",
+                  interval(c->loadInterval()).c_str(),
                   t.namespaces->intfNamespaceConfig(s.intfId)->netNsName().name().charPtr());
       if (s.device) std::printf(" device=%s", s.device->c_str());
       if (!c->description().empty()) std::printf(" description=%s", quoted(c->description().str()).c_str());
@@ -202,74 +138,89 @@ int fatal(std::string const & why) {
    return 1;
 }
 
-int run(Options const & o) {
-   ::signal(SIGPIPE, SIG_IGN);
+IntfApp::CommandLine commandLine() {
+   std::vector<IntfApp::OptionSpec> options = {
+      {"--config", "FILE", "the configuration file (its format: docs/OPERATORS.md)"},
+      {"--socket", "PATH",
+       "where to serve (default " + IntfApp::defaultConfigSocket() + ");\na path starting with '@' is an abstract socket"},
+      {"--once", "", "check FILE: read and apply it, print what it configures and exit\n(0 when usable, 1 when not)"},
+      {"--log-level", "LEVEL",
+       "the least severe log events written: " + std::string(IntfApp::logLevelNames) + "\n(default info)"},
+   };
+   for (auto & o : IntfApp::readerOptions("the configuration")) options.push_back(o);
+   return IntfApp::CommandLine(
+         program, "--config FILE [--socket PATH] [--once] [options]",
+         "Serves the interface configuration of FILE to the interface agents.", options,
+         "FILE is read again when a write to it is finished and on SIGHUP; a file that\n"
+         "cannot be used is reported with its line and the previous configuration stays.\n"
+         "SIGTERM, SIGINT and SIGQUIT stop the agent, which removes its socket file;\n"
+         "SIGUSR1 and SIGUSR2 are ignored. Log lines go to standard error, timed unless\n"
+         "it is the journal. Exit status: 0 stopped, 1 unusable file or cannot serve,\n"
+         "2 bad arguments.");
+}
+
+int run(IntfApp::CommandLine const & cl) {
+   std::string config = cl.value("--config"), socket = cl.value("--socket");
    Tree tree;
-   Kel::ActivityLoop loop;
-   // Watching starts before the first read, so an edit made while the
-   // agent starts is not missed.
-   bool changed = false;
-   std::optional<IntfApp::FileWatch> watch;
-   if (!o.once) {
-      watch.emplace(o.config, [&] { changed = true; });
-      if (!watch->valid()) return fatal(watch->error());
+   if (cl.has("--once")) {
+      try {
+         IntfApp::ConfigFile cfg = IntfApp::readConfigFile(config);
+         IntfApp::applyConfig(cfg, tree);
+         printSummary(config, cfg, tree);
+         return 0;
+      } catch (std::exception const & e) {
+         return fatal(e.what());
+      }
    }
-
-   IntfApp::ConfigFile cfg;
-   try {
-      cfg = IntfApp::readConfigFile(o.config);
-      IntfApp::applyConfig(cfg, tree);
-   } catch (std::exception const & e) {
-      return fatal(e.what());
-   }
-   if (o.once) {
-      printSummary(o.config, cfg, tree);
-      return 0;
-   }
-
-   std::string socket = o.socket;
    if (socket.empty()) {
       socket = IntfApp::defaultConfigSocket();
       std::string why = IntfApp::makeRuntimeDir(IntfApp::runtimeDir());
       if (!why.empty()) return fatal(why);
    }
-   IntfApp::Signals signals(true);
+   Kel::ActivityLoop loop;
+   IntfApp::Signals signals;
    if (!signals.valid()) return fatal(std::string("signalfd: ") + std::strerror(errno));
-   if (IntfApp::someoneListens(socket)) return fatal("another server is listening on " + socket);
-   Kel::NboAttrLog::Server server(loop, socket, tree.root, program);
+   // The file is watched from before its first reading, so that an edit
+   // made while the agent starts is not missed.
+   bool started = false;
+   std::string startError;
+   IntfApp::ConfigReload reload(
+         loop, config,
+         [&](IntfApp::ConfigFile const & next) {
+            // A parsed file holds only valid settings, so applying it does
+            // not fail half-way; should it, the reason is reported like a
+            // bad file's.
+            try {
+               auto c = IntfApp::applyConfig(next, tree);
+               if (started) Kel::logEvent(reloadedMessage(), config, c.added, c.changed, c.removed);
+            } catch (std::exception const & e) {
+               Kel::logEvent(rejectedMessage(), config + ": " + e.what());
+            }
+         },
+         [&](IntfApp::ConfigError const & e) {
+            if (started) {
+               Kel::logEvent(rejectedMessage(), e.what());
+            } else {
+               startError = e.what();
+            }
+         });
+   reload.load();
+   if (!startError.empty()) return fatal(startError);
+   if (!reload.valid()) return fatal(reload.error());
+   started = true;
+   Kel::NboAttrLog::Server::Options access;
+   std::string why;
+   if (!IntfApp::readersOf(cl, &access.readers, &why)) return fatal(why);
+   Kel::NboAttrLog::Server server(loop, socket, tree.root, program, access);
    if (!server.valid()) return fatal(server.error());
    loop.add(&signals);
-   loop.add(&*watch);
-   Kel::logEvent(loadedMessage(), o.config, cfg.intfs.size(), socket);
+   Kel::logEvent(loadedMessage(), config, tree.intfs->intfConfigSize(), socket);
 
-   auto reload = [&] {
-      IntfApp::ConfigFile next;
-      try {
-         next = IntfApp::readConfigFile(o.config);
-      } catch (IntfApp::ConfigError const & e) {
-         Kel::logEvent(rejectedMessage(), e.what());
-         return;
-      }
-      // A parsed file holds only valid settings, so applying it does not fail
-      // half-way; should it, the reason is reported like a bad file's.
-      try {
-         auto c = IntfApp::applyConfig(next, tree);
-         Kel::logEvent(reloadedMessage(), o.config, c.added, c.changed, c.removed);
-      } catch (std::exception const & e) {
-         Kel::logEvent(rejectedMessage(), o.config + ": " + e.what());
-      }
-   };
    while (!signals.stop()) {
       loop.runOnce(-1);
-      if (signals.stop()) break;
-      if (signals.reloadRequested()) changed = true;
-      if (changed) {
-         changed = false;
-         reload();
-      }
+      if (signals.reloadRequested() && !signals.stop()) reload.load();
    }
    Kel::logEvent(stoppingMessage(), std::string(::strsignal(signals.stop())));
-   loop.remove(&*watch);
    loop.remove(&signals);
    return 0;  // the server's destructor removes the socket file
 }
@@ -277,7 +228,14 @@ int run(Options const & o) {
 } // namespace
 
 int main(int argc, char ** argv) {
-   Options o;
-   if (int status = parseArgs(argc, argv, &o)) return status < 0 ? 0 : status;
-   return run(o);
+   IntfApp::CommandLine cl = commandLine();
+   if (int status = cl.parse(argc, argv)) return status < 0 ? 0 : status;
+   if (!cl.words().empty()) return cl.bad("unexpected argument " + cl.words().front());
+   if (!cl.has("--config")) {
+      cl.usage(stderr);
+      return cl.bad("--config FILE is required");
+   }
+   std::string why = IntfApp::logTo(cl.value("--log-level", "info"));
+   if (!why.empty()) return cl.bad(why);
+   return run(cl);
 }

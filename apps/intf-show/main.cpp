@@ -1,18 +1,15 @@
 // intf-show: the operator's view of the interfaces the host agent models.
 //
 //   intf-show [options] status | counters | rates | interface NAME
-//     --socket PATH          the host agent's socket (default: see Paths.h)
-//     --config-socket PATH   the configuration agent's socket, for
-//                            descriptions, admin states and load intervals
-//                            (optional: left out when nothing answers)
-//     --json                 JSON for scripts instead of tables
-//     --watch SECONDS        redraw in place every SECONDS until interrupted
-//     --shm-prefix PREFIX    the agents' shared-memory prefix
 //
 // It mounts the agent's tree once and reads counters straight from shared
 // memory: status->counter() finds each interface's row of the agent's
 // counter table, and every read takes the row as it is now. No request
-// goes to the agent per read.
+// goes to the agent per read. The configuration agent's tree, when it
+// answers, adds descriptions, configured admin states, load intervals and
+// the interfaces configured for devices that do not exist.
+#include "CommandLine.h"
+#include "IntfNameInput.h"
 #include "Paths.h"
 #include "ShowFormat.h"
 
@@ -22,14 +19,18 @@
 #include <Intf/IntfStatusDir.h>
 #include <Kel/Agent.h>
 #include <Kel/Dir.h>
+#include <Kel/Log.h>
 #include <Smash/Table.h>
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
-#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -37,74 +38,23 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-struct Options {
-   std::string socket = IntfApp::agentSocketPath();
-   std::string configSocket = IntfApp::defaultConfigSocket();
-   std::string command;
-   std::string name;
-   bool json = false;
-   double watch = 0;
-};
-
-int usage(std::ostream & os, int rc) {
-   os << "usage: intf-show [--socket PATH] [--config-socket PATH] [--json] [--watch SECONDS]\n"
-         "                 [--shm-prefix PREFIX] status | counters | rates | interface NAME\n";
-   return rc;
-}
-
-std::optional<Options> parse(int argc, char ** argv, int * rc) {
-   Options o;
-   std::vector<std::string> words;
-   for (int i = 1; i < argc; ++i) {
-      std::string a = argv[i];
-      auto value = [&](std::string & out) {
-         if (i + 1 >= argc) return false;
-         out = argv[++i];
-         return true;
-      };
-      std::string v;
-      if (a == "--help" || a == "-h") {
-         *rc = usage(std::cout, 0);
-         return std::nullopt;
-      } else if (a == "--json") {
-         o.json = true;
-      } else if (a == "--socket" && value(v)) {
-         o.socket = v;
-      } else if (a == "--config-socket" && value(v)) {
-         o.configSocket = v;
-      } else if (a == "--shm-prefix" && value(v)) {
-         Smash::shmPrefixIs(v);
-      } else if (a == "--watch" && value(v)) {
-         char * end = nullptr;
-         o.watch = std::strtod(v.c_str(), &end);
-         if (*end || !(o.watch > 0)) {
-            std::cerr << "intf-show: --watch wants a number of seconds above 0, not \"" << v << "\"\n";
-            *rc = 2;
-            return std::nullopt;
-         }
-      } else if (a.rfind("--", 0) == 0) {
-         std::cerr << "intf-show: unknown option " << a << "\n";
-         *rc = usage(std::cerr, 2);
-         return std::nullopt;
-      } else {
-         words.push_back(a);
-      }
-   }
-   if (words.empty()) {
-      *rc = usage(std::cerr, 2);
-      return std::nullopt;
-   }
-   o.command = words[0];
-   bool known = o.command == "status" || o.command == "counters" || o.command == "rates" ||
-                o.command == "interface";
-   if (!known || (o.command == "interface") != (words.size() == 2) || words.size() > 2) {
-      std::cerr << "intf-show: " << (known ? "interface takes one name" : "unknown command \"" + o.command + "\"")
-                << "\n";
-      *rc = usage(std::cerr, 2);
-      return std::nullopt;
-   }
-   if (words.size() == 2) o.name = words[1];
-   return o;
+IntfApp::CommandLine commandLine() {
+   return IntfApp::CommandLine(
+         "intf-show", "[options] status | counters | rates | interface NAME",
+         "Shows the interfaces intf-agent models: their state, counters and rates.\n"
+         "NAME is an interface's name (Ethernet4), a short form of it (Et4) or the\n"
+         "kernel device that carries it (eth0, or NAMESPACE/DEVICE).",
+         {
+            {"--socket", "PATH", "the host agent's socket (default " + IntfApp::agentSocketPath() + ")"},
+            {"--config-socket", "PATH",
+             "the configuration agent's socket, for descriptions and configured\nstates (default " +
+                   IntfApp::defaultConfigSocket() + "; left out when nothing answers; \"\" for none)",
+             false, true},
+            {"--json", "", "one JSON document per command (and per line with --watch),\nwith a \"version\" field"},
+            {"--watch", "SECONDS", "show again every SECONDS until interrupted"},
+            {"--shm-prefix", "PREFIX", "the host agent's shared-memory prefix (default \"" + Smash::shmPrefix() + "\")"},
+         },
+         "Exit status: 0 shown, 1 no agent or no such interface, 2 bad arguments.");
 }
 
 // A mounted tree, or why there is none.
@@ -120,10 +70,30 @@ struct Mount {
    std::string reason;
 };
 
+// What to tell an operator whose agent did not answer: only when nothing
+// listens is it a matter of starting the agent.
+std::string advice(Mount const & m) {
+   int err = m.client.lastConnectError();
+   if (err == ENOENT || err == ECONNREFUSED) return "Is intf-agent running? Start it, or name its socket with --socket.";
+   if (err == EACCES || m.reason.find("not allowed") != std::string::npos) {
+      return "You may not read it: ask for --allow-user or --allow-group on intf-agent.";
+   }
+   if (err == EAGAIN || m.reason.find("connections") != std::string::npos) {
+      return "The agent holds as many connections as it allows: try again.";
+   }
+   return "";
+}
+
 template <class T>
 Kel::Ptr<T> at(Kel::Ptr<Kel::Entity> const & root, const char * path) {
    if (!root) return nullptr;
    return Kel::Ptr<T>(dynamic_cast<T *>(root->entity(path).ptr()));
+}
+
+std::optional<bool> configuredAdmin(Interface::IntfConfig const & c) {
+   auto st = c.adminEnabledStateLocal();
+   if (st == Interface::IntfEnabledState::unknownEnabledState) return std::nullopt;
+   return st == Interface::IntfEnabledState::enabled;
 }
 
 std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::Ptr<Kel::Entity> const & config) {
@@ -132,12 +102,25 @@ std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::P
    if (!statuses) return rows;
    auto locals = at<Interface::AllIntfStatusLocalDir>(agent, "interface/status/local");
    auto configs = at<Interface::AllIntfConfigDir>(config, "intf");
+   auto namespaces = at<Interface::AllIntfNamespaceConfigDir>(config, "namespace");
    auto global = at<Interface::GlobalIntfConfig>(config, "global");
+   double globalInterval = global ? double(global->loadInterval().val()) : 300;
+   auto fromConfig = [&](IntfApp::IntfView & v) {
+      v.loadInterval = globalInterval;
+      auto c = configs ? configs->intfConfig(v.intfId) : nullptr;
+      if (!c) return;
+      v.description = c->description().str();
+      v.adminConfigured = configuredAdmin(*c);
+      if (!c->loadInterval().useDefault()) v.loadInterval = c->loadInterval().val();
+   };
+   std::set<uint64_t> modelled;
    for (auto const & m : statuses->intfStatusRange()) {
       Interface::IntfStatus::Ptr s = m.value();
       IntfApp::IntfView v;
       v.intfId = s->intfId();
+      modelled.insert(v.intfId.intfIdValue());
       v.device = s->deviceName().str();
+      v.adminUp = s->active();
       v.mtu = s->mtu();
       v.maxMtu = s->maxMtu();
       v.operStatus = s->operStatus();
@@ -146,14 +129,7 @@ std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::P
       if (locals) {
          if (auto l = locals->intfStatusLocal(v.intfId)) v.netNs = l->netNsName().name().str();
       }
-      if (global) v.loadInterval = global->loadInterval().val();
-      if (configs) {
-         if (auto c = configs->intfConfig(v.intfId)) {
-            v.description = c->description().str();
-            v.adminUp = c->adminEnabled();
-            if (!c->loadInterval().useDefault()) v.loadInterval = c->loadInterval().val();
-         }
-      }
+      fromConfig(v);
       if (auto c = s->counter()) {
          v.hasCounters = true;
          if (auto const * row = dynamic_cast<Interface::SmashIntfCounter const *>(c.ptr())) {
@@ -163,76 +139,105 @@ std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::P
             v.stats = c->statistics();
             v.rates = c->rates();
          }
+         v.unmeasured = IntfApp::kernelUnmeasured;
       }
       rows.push_back(std::move(v));
+   }
+   // Configured, but carried by no device.
+   if (configs) {
+      for (auto const & m : configs->intfConfigRange()) {
+         if (modelled.count(m.key().intfIdValue())) continue;
+         IntfApp::IntfView v;
+         v.intfId = m.key();
+         v.present = false;
+         v.operStatus = Interface::IntfOperStatus::intfOperNotPresent;
+         if (namespaces) {
+            if (auto n = namespaces->intfNamespaceConfig(v.intfId)) v.netNs = n->netNsName().name().str();
+         }
+         fromConfig(v);
+         rows.push_back(std::move(v));
+      }
    }
    return rows;
 }
 
-std::string render(Options const & o, std::vector<IntfApp::IntfView> rows, std::string * error) {
-   if (o.command == "interface") {
-      Zenet::IntfId id;
-      try {
-         id = Zenet::IntfId(std::string_view(o.name));
-      } catch (std::exception const &) {
-         *error = "not an interface name: \"" + o.name + "\"";
-         return {};
-      }
-      std::vector<IntfApp::IntfView> one;
-      for (auto & r : rows) {
-         if (r.intfId == id) one.push_back(r);
-      }
-      if (one.empty()) {
-         *error = "the agent models no interface " + id.stringValue().str();
-         return {};
-      }
-      if (o.json) return IntfApp::toJson(one);
-      return IntfApp::interfaceDetail(one[0], double(std::time(nullptr)));
+std::string render(std::string const & command, std::string const & name, bool json,
+                   std::vector<IntfApp::IntfView> rows, std::string * error) {
+   if (command == "interface") {
+      int i = IntfApp::findInterface(rows, name, error);
+      if (i < 0) return {};
+      if (json) return IntfApp::toJson(command, {rows[size_t(i)]});
+      return IntfApp::interfaceDetail(rows[size_t(i)], double(std::time(nullptr)));
    }
-   if (o.json) return IntfApp::toJson(std::move(rows));
-   if (o.command == "status") return IntfApp::statusTable(std::move(rows));
-   if (o.command == "counters") return IntfApp::countersTable(std::move(rows));
+   if (json) return IntfApp::toJson(command, std::move(rows));
+   if (command == "status") return IntfApp::statusTable(std::move(rows));
+   if (command == "counters") return IntfApp::countersTable(std::move(rows));
    return IntfApp::ratesTable(std::move(rows));
 }
 
 } // namespace
 
 int main(int argc, char ** argv) {
-   int rc = 0;
-   auto options = parse(argc, argv, &rc);
-   if (!options) return rc;
-   Options const & o = *options;
+   IntfApp::CommandLine cl = commandLine();
+   if (int status = cl.parse(argc, argv)) return status < 0 ? 0 : status;
+   auto const & words = cl.words();
+   std::string command = words.empty() ? "" : words[0];
+   bool known = command == "status" || command == "counters" || command == "rates" || command == "interface";
+   if (!known || (command == "interface") != (words.size() == 2) || words.size() > 2) {
+      cl.usage(stderr);
+      return cl.bad(!known ? (command.empty() ? "no command" : "unknown command \"" + command + "\"")
+                           : command == "interface" ? "interface takes one name"
+                                                    : command + " takes no name");
+   }
+   double watch = 0;
+   if (cl.has("--watch")) {
+      char * end = nullptr;
+      std::string v = cl.value("--watch");
+      watch = std::strtod(v.c_str(), &end);
+      if (*end || !(watch > 0)) return cl.bad("--watch wants a number of seconds above 0, not \"" + v + "\"");
+   }
+   if (cl.has("--shm-prefix")) Smash::shmPrefixIs(cl.value("--shm-prefix"));
+   bool json = cl.has("--json");
+   std::string socket = cl.value("--socket", IntfApp::agentSocketPath());
+   std::string configSocket = cl.value("--config-socket", IntfApp::defaultConfigSocket());
    std::signal(SIGPIPE, SIG_IGN);
    std::signal(SIGINT, [](int) { interrupted = 1; });
    std::signal(SIGTERM, [](int) { interrupted = 1; });
    // Connection failures are reported below, in the operator's words.
    Kel::traceLevelIs("Kel::NboAttrLog", -1);
    Kel::traceLevelIs("Kel::Agent", -1);
+   struct Quiet : Kel::LogSink {
+      void write(Kel::LogEvent const &) override {}
+   };
+   Kel::logSinkIs(std::make_shared<Quiet>());
 
    Kel::ActivityLoop loop;
-   Mount agent(loop, o.socket, 3000);
+   Mount agent(loop, socket, 3000);
    if (!agent.client.synced()) {
-      std::cerr << "intf-show: no interface agent answers at " << o.socket << " (" << agent.reason
-                << ").\nIs intf-agent running? Start it, or name its socket with --socket.\n";
+      std::cerr << "intf-show: no interface agent answers at " << socket << " (" << agent.reason << ").\n"
+                << advice(agent) << "\n";
       return 1;
    }
    std::unique_ptr<Mount> config;
-   if (!o.configSocket.empty()) {
-      config = std::make_unique<Mount>(loop, o.configSocket, 500);
+   if (!configSocket.empty()) {
+      config = std::make_unique<Mount>(loop, configSocket, 500);
       if (!config->client.synced()) config.reset();  // descriptions and admin states are optional
    }
+   // Redrawn in place on a terminal only; elsewhere each showing follows the last.
+   bool terminal = ::isatty(1) && !json;
    for (;;) {
       std::string error;
-      std::string out = render(o, views(agent.client.root(), config ? config->client.root() : nullptr), &error);
+      std::string out = render(command, words.size() == 2 ? words[1] : "", json,
+                               views(agent.client.root(), config ? config->client.root() : nullptr), &error);
       if (!error.empty()) {
          std::cerr << "intf-show: " << error << "\n";
          return 1;
       }
-      if (o.watch > 0) std::cout << "\033[H\033[2J";
+      if (watch > 0 && terminal) std::cout << "\033[H\033[2J";
       std::cout << out << std::flush;
-      if (o.watch <= 0) return 0;
+      if (watch <= 0) return 0;
       // Keep the mounted tree current while waiting.
-      auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(o.watch);
+      auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(watch);
       while (!interrupted && std::chrono::steady_clock::now() < end) loop.runOnce(50);
       if (interrupted) return 0;
       if (!agent.reason.empty()) {

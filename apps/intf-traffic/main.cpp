@@ -3,7 +3,9 @@
 // namespace, so that a device's counters and rates move.
 //
 //   intf-traffic [--netns NAME] [--to ADDRESS] [--port N] [--seconds S]
-//                [--rate PACKETS_PER_SECOND] [--size BYTES]
+//                [--rate PACKETS_PER_SECOND] [--size BYTES]  (--help says more)
+#include "CommandLine.h"
+
 #include <Zenet/SocketAt.h>
 
 #include <arpa/inet.h>
@@ -20,27 +22,26 @@
 #include <vector>
 
 int main(int argc, char ** argv) {
-   std::string netns, to = "127.0.0.1";
-   int port = 9, size = 1000;
-   double seconds = 5, rate = 20000;
-   for (int i = 1; i < argc; ++i) {
-      std::string a = argv[i];
-      bool hasValue = i + 1 < argc;
-      if (a == "--netns" && hasValue) netns = argv[++i];
-      else if (a == "--to" && hasValue) to = argv[++i];
-      else if (a == "--port" && hasValue) port = std::atoi(argv[++i]);
-      else if (a == "--seconds" && hasValue) seconds = std::atof(argv[++i]);
-      else if (a == "--rate" && hasValue) rate = std::atof(argv[++i]);
-      else if (a == "--size" && hasValue) size = std::atoi(argv[++i]);
-      else {
-         std::cerr << "usage: intf-traffic [--netns NAME] [--to ADDRESS] [--port N] [--seconds S]\n"
-                      "                    [--rate PACKETS_PER_SECOND] [--size BYTES]\n";
-         return a == "--help" ? 0 : 2;
-      }
-   }
+   IntfApp::CommandLine cl(
+         "intf-traffic", "[options]",
+         "Sends UDP datagrams for a while, optionally from inside a network namespace,\n"
+         "so that a device's counters and rates move (nothing needs to listen).",
+         {
+            {"--netns", "NAME", "send from inside this network namespace (needs root)"},
+            {"--to", "ADDRESS", "the IPv4 address to send to (default 127.0.0.1: the loopback device)"},
+            {"--port", "N", "the UDP port (default 9)"},
+            {"--seconds", "S", "how long to send (default 5)"},
+            {"--rate", "PACKETS_PER_SECOND", "how many datagrams a second (default 20000)"},
+            {"--size", "BYTES", "the payload of each datagram, 1 to 65000 (default 1000)"},
+         },
+         "Exit status: 0 sent, 1 no socket, 2 bad arguments.");
+   if (int status = cl.parse(argc, argv)) return status < 0 ? 0 : status;
+   if (!cl.words().empty()) return cl.bad("unexpected argument " + cl.words().front());
+   std::string netns = cl.value("--netns"), to = cl.value("--to", "127.0.0.1");
+   int port = std::atoi(cl.value("--port", "9").c_str()), size = std::atoi(cl.value("--size", "1000").c_str());
+   double seconds = std::atof(cl.value("--seconds", "5").c_str()), rate = std::atof(cl.value("--rate", "20000").c_str());
    if (size < 1 || size > 65000 || port < 1 || port > 65535 || !(rate > 0) || !(seconds > 0)) {
-      std::cerr << "intf-traffic: size 1..65000, port 1..65535, rate and seconds above 0\n";
-      return 2;
+      return cl.bad("size 1..65000, port 1..65535, rate and seconds above 0");
    }
    int fd = netns.empty() ? ::socket(AF_INET, SOCK_DGRAM, 0)
                           : Zenet::socketAt(AF_INET, SOCK_DGRAM, 0, netns.c_str());

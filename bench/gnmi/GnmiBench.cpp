@@ -17,7 +17,7 @@
 //                            100 subscribers to the same paths, over one
 //                            subscriber's (200 interfaces)
 #include "AgentTree.h"
-#include "HostIntfStatusDir.h"
+#include <Intf/IntfStatusDir.h>
 #include "Paths.h"
 
 #include "gnmi.grpc.pb.h"
@@ -54,7 +54,7 @@ double monoNow() { return std::chrono::duration<double>(Clock::now().time_since_
 struct Agent {
    explicit Agent(unsigned n) {
       root = Kel::makePtr<Kel::Dir>(Kel::Name("agent"));
-      dir = Kel::makePtr<IntfApp::HostIntfStatusDir>(Kel::Name("intf"));
+      dir = Kel::makePtr<Interface::AgentIntfStatusDir>(Kel::Name("intf"));
       root->mkdir("interface/status/eth")->entryIs(dir);
       table = Kel::makePtr<Smash::Interface::AllIntfCounterDir>(Kel::Name("counter"));
       table->counterOpen(Smash::Role::writer, IntfApp::agentCounterTablePath, 2 * n);
@@ -90,7 +90,7 @@ struct Agent {
       table->counterCommit();
    }
    Kel::Dir::Ptr root;
-   Kel::Ptr<IntfApp::HostIntfStatusDir> dir;
+   Kel::Ptr<Interface::AgentIntfStatusDir> dir;
    Kel::Ptr<Smash::Interface::AllIntfCounterDir> table;
    std::vector<Zenet::IntfId> ids;
    uint64_t round = 0;

@@ -151,6 +151,7 @@ EntityAdapter * Writer::adapter(Entity const * e) const {
 }
 
 constexpr const char * peerWentAway = "peer went away";
+constexpr const char * listed = "listing sent";
 
 void Writer::close(String8 const & why) {
    if (closed_) return;
@@ -176,7 +177,7 @@ void Writer::close(String8 const & why) {
    closed_ = true;
    reason_ = why;
    // A reader leaving is a server's everyday event, not a failure.
-   int level = why.view() == peerWentAway ? 1 : 0;
+   int level = why.view() == peerWentAway || why.view() == listed ? 1 : 0;
    KEL_TRACE(trace, level, "closing connection of " + name_ + ": " + cut(why.view()));
    ::shutdown(fd_, SHUT_RDWR);
    if (busy_ == 0) teardown();
@@ -265,7 +266,7 @@ void Writer::onReadable() {
       In in(in_.data() + 5, len - 1);
       uint8_t type = uint8_t(in_[4]);
       try {
-         if (type != msgMount || served_) throw StreamError("unexpected message from reader");
+         if ((type != msgMount && type != msgList) || served_) throw StreamError("unexpected message from reader");
          String8 path = in.nextString();
          if (path.size() > limits_.pathBytes) {
             throw StreamError(format("mount path of %zu bytes exceeds the limit of %zu", path.size(),
@@ -274,12 +275,56 @@ void Writer::onReadable() {
          String8 why;
          Ptr<Entity> e = resolveMount(path.view(), &why);
          if (!e) throw StreamError(why);
+         if (type == msgList) return list(e, in.nextU32());
          in_.erase(0, 4 + size_t(len));
          startServing(e);
       } catch (Exception const & ex) {
          return close(ex.message());
       }
    }
+}
+
+void Writer::list(Ptr<Entity> const & at, uint32_t depth) {
+   // Depth first, an entity before its children, as a tree walk goes; the
+   // answer is bounded by the connection's buffer.
+   Out msg;
+   size_t frame = beginFrame(msg, msgListing);
+   size_t countAt = msg.size();
+   msg.putU32(0);
+   uint32_t count = 0;
+   bool truncated = false;
+   struct Item {
+      Ptr<Entity> e;
+      std::string path;
+      uint32_t depth;
+   };
+   std::vector<Item> stack{{at, std::string(), 0}};
+   std::vector<Entity *> children;
+   while (!stack.empty()) {
+      Item item = std::move(stack.back());
+      stack.pop_back();
+      std::string_view type = item.e->fwkType()->name().view();
+      if (msg.size() + item.path.size() + type.size() + 8 > limits_.bufferBytes) {
+         truncated = true;
+         break;
+      }
+      msg.putString(item.path);
+      msg.putString(type);
+      ++count;
+      if (item.depth == depth) continue;
+      children.clear();
+      item.e->kelForEachChild([](void * ctx, Entity * c) { static_cast<std::vector<Entity *> *>(ctx)->push_back(c); },
+                              &children);
+      for (auto it = children.rbegin(); it != children.rend(); ++it) {
+         std::string name((*it)->name().view());
+         stack.push_back({Ptr<Entity>(*it), item.path.empty() ? name : item.path + "/" + name, item.depth + 1});
+      }
+   }
+   msg.patchU32(countAt, count);
+   msg.put(truncated);
+   endFrame(msg, frame);
+   out_.append(msg.data(), msg.size());
+   close(listed);
 }
 
 void Writer::startServing(Ptr<Entity> e) {

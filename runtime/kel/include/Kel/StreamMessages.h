@@ -19,6 +19,8 @@ enum MsgType : uint8_t {
    msgForget = 8,
    msgRoot = 9,   // names the served entity
    msgClose = 10, // the writer's reason for closing the connection
+   msgList = 11,  // reader to writer, instead of a mount: what is served below a path
+   msgListing = 12, // the writer's answer: paths and type names
 };
 constexpr uint32_t maxFrame = 64u << 20;
 

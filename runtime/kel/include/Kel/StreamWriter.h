@@ -128,6 +128,9 @@ class Writer : public ActivityLoop::Source, private RefCodec {
    void changed(EntityAdapter * a, AttrDesc const & d, void const * key);
    void forget(EntityAdapter * a);
    void startServing(Ptr<Entity> e);
+   // Answers a listing request (what is served below `at`, `depth` levels
+   // down) and closes.
+   void list(Ptr<Entity> const & at, uint32_t depth);
    // Builds one message with `body` and appends it, after the creations of
    // entities it references for the first time.
    template <class F>
