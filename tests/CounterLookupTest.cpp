@@ -261,7 +261,8 @@ TEST(CounterLookup, EveryRouteFindsItsCounterOrSaysWhyNotWithItsLevelAndLine) {
         [](Tree & t) {
            std::string dir = full(*t.overMissingTable), object = Smash::objectName("lookup/missing", "ctl");
            return std::vector<Msg>{{2, 214, dir + " has counterDirPath counter/eth/missing"},
-                                   {0, 247, dir + ": cannot open the counter table: " + object + ": No such file or directory"},
+                                   {0, 247, dir + ": cannot open the counter table: table lookup/missing: " + object +
+                                               ": No such file or directory"},
                                    {0, 249, dir + ": ->doGetIntfCounterDir(Ethernet7) returned null"}};
         }},
        {"subintf: no path", [](Tree & t) { return statusIn(t.subintf, eth(7)); }, "",

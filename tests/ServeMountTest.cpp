@@ -345,7 +345,8 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    EXPECT_TRUE(std::equal(cut.entries.begin(), cut.entries.end(), all.entries.begin()));
    Listing none = list(name, "interface/nothing", 1);
    EXPECT_TRUE(none.entries.empty());
-   EXPECT_EQ(none.error, "the server closed the connection: no entity at interface/nothing");
+   EXPECT_EQ(none.error, "the server closed the connection: no entity at interface/nothing: interface holds counter, "
+                         "status");
 
    // Answers as they arrive: a part waits for the rest, a bad one is refused.
    std::string answer("\0\0\0\x16\x0c\0\0\0\x01\0\0\0\0\0\0\0\x08Kel::Dir\x01", 26);
@@ -360,6 +361,10 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       {answer.substr(0, 25), false, "", 0},  // all but its last byte
       {std::string("\0\0\0\x05\x0c\0\0\0\x02", 9), true, "malformed answer: truncated message", 0},
       {std::string("\0\0\0\x01\x07", 5), true, "malformed answer: message type 7", 0},
+      // A refusal after the server's hello: who refuses, then why.
+      {std::string("\0\0\0\x07\x02\0\0\0\x02" "ag\0\0\0\x07\x0a\0\0\0\x02no", 22), true,
+       "the server closed the connection: no", 0},
+      {std::string("\0\0\0\x07\x02\0\0\0\x02" "ag", 11), false, "", 0},
       {std::string("\x10\0\0\0\x0c", 5), true, "malformed answer: a frame of 268435456 bytes", 0},
    };
    for (auto const & c : cases) {

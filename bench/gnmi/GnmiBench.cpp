@@ -284,7 +284,6 @@ int main(int argc, char ** argv) {
    std::string gnmid = argv[1];
    ::signal(SIGPIPE, SIG_IGN);
    std::setvbuf(stdout, nullptr, _IOLBF, 0);
-   Gnmi::AgentTree::registerTypes();
    Kel::traceLevelIs("Kel::NboAttrLog", -1);
 
    bool onlyOnChange = argc > 2 && std::string(argv[2]) == "on_change";

@@ -366,13 +366,19 @@ bool decodeListing(std::string_view in, std::vector<ServedEntry> * entries, bool
    entries->clear();
    *truncated = false;
    *error = String8();
-   if (in.size() < 5) return false;
-   uint32_t n = frameLength(in.data());
-   if (n == 0 || n > frameBytes) {
-      *error = "malformed answer: a frame of " + std::to_string(n) + " bytes";
-      return true;
+   uint32_t n = 0;
+   // A refusal may come after the server's hello (who refuses): passed over.
+   for (;;) {
+      if (in.size() < 5) return false;
+      n = frameLength(in.data());
+      if (n == 0 || n > frameBytes) {
+         *error = "malformed answer: a frame of " + std::to_string(n) + " bytes";
+         return true;
+      }
+      if (in.size() < 4 + size_t(n)) return false;
+      if (uint8_t(in[4]) != msgHello) break;
+      in.remove_prefix(4 + size_t(n));
    }
-   if (in.size() < 4 + size_t(n)) return false;
    In msg(in.data() + 5, n - 1);
    try {
       switch (uint8_t(in[4])) {
