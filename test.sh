@@ -32,7 +32,10 @@ c++ "$stage/src/consumer.cpp" -o "$stage/consumer-pc" -Wl,-rpath,"$stage/prefix/
    $(PKG_CONFIG_PATH="$stage/prefix/lib/pkgconfig" pkg-config --cflags --libs intf)
 "$stage/consumer-pc"
 echo "== installed programs and service units"
-for p in intf-configd intf-agent intf-show intf-traffic; do "$stage/prefix/bin/$p" --version; done
+for p in intf-configd intf-agent intf-show intf-traffic; do
+   "$stage/prefix/bin/$p" --version
+   "$stage/prefix/bin/$p" --help >/dev/null
+done
 if command -v systemd-analyze >/dev/null; then
    systemd-analyze verify "$stage"/prefix/lib/systemd/system/intf-*.service
 else

@@ -48,6 +48,17 @@ pid_t serve(std::string const & path, int intfs, Pipe & ready) {
    return pid;
 }
 
+// Descriptor 0 free while it lives, as in a program started without stdin:
+// the descriptor that gets it is one like any other.
+struct StdinClosed {
+   int in = ::dup(0);
+   StdinClosed() { ::close(0); }
+   ~StdinClosed() {
+      ::dup2(in, 0);
+      ::close(in);
+   }
+};
+
 } // namespace
 
 TEST(ServeMount, AClientHearsTheTreeTheServersDeathOnceAndTheTreeAgainAfterBackingOff) {
@@ -275,6 +286,7 @@ TEST(ServeMount, ASocketFileGetsItsModeAndALiveServersPathIsNeitherTakenNorRemov
    for (std::string where : {path, "@intf-live-" + std::to_string(::getpid())}) {
       Server live(loop, where, dir, "configAgent");
       ASSERT_TRUE(live.valid()) << live.error();
+      StdinClosed free0;
       {
          Server second(loop, where, dir, "configAgent");
          EXPECT_FALSE(second.valid());
@@ -321,7 +333,11 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       t.join();
       return l;
    };
-   Listing all = list(name, "interface", 9);
+   Listing all;
+   {
+      StdinClosed free0;
+      all = list(name, "interface", 9);
+   }
    EXPECT_EQ(all.entries, (std::vector<std::string>{" Kel::Dir", "counter Kel::Dir", "status Kel::Dir",
                                                      "status/intf Interface::AllIntfConfigDir"}));
    EXPECT_EQ(all.error, "");
@@ -346,6 +362,7 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       bool decided;
       std::string error;
       size_t entries;
+      size_t frameBytes = Kel::NboAttrLog::ConnectionLimits().frameBytes;
    } const cases[] = {
       {answer, true, "", 1},
       {answer.substr(0, 20), false, "", 0},
@@ -353,12 +370,14 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       {std::string("\0\0\0\x05\x0c\0\0\0\x02", 9), true, "malformed answer: truncated message", 0},
       {std::string("\0\0\0\x01\x07", 5), true, "malformed answer: message type 7", 0},
       {std::string("\x10\0\0\0\x0c", 5), true, "malformed answer: a frame of 268435456 bytes", 0},
+      {answer, true, "", 1, 22},  // a frame of exactly the limit
+      {answer, true, "malformed answer: a frame of 22 bytes", 0, 21},
    };
    for (auto const & c : cases) {
       std::vector<Kel::NboAttrLog::ServedEntry> entries;
       bool cut = false;
       Kel::String8 error;
-      EXPECT_EQ(Kel::NboAttrLog::decodeListing(c.bytes, &entries, &cut, &error), c.decided) << c.error;
+      EXPECT_EQ(Kel::NboAttrLog::decodeListing(c.bytes, &entries, &cut, &error, c.frameBytes), c.decided) << c.error;
       EXPECT_EQ(error, c.error);
       EXPECT_EQ(entries.size(), c.entries) << c.error;
       EXPECT_EQ(cut, c.entries == 1) << c.error;
