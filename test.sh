@@ -36,7 +36,10 @@ for program in consumer intf_watch; do
 done
 "$stage/consumer-pc"
 echo "== installed programs and service units"
-for p in intf-configd intf-agent intf-show intf-traffic; do "$stage/prefix/bin/$p" --version; done
+for p in intf-configd intf-agent intf-show intf-traffic; do
+   "$stage/prefix/bin/$p" --version
+   "$stage/prefix/bin/$p" --help >/dev/null
+done
 if command -v systemd-analyze >/dev/null; then
    systemd-analyze verify "$stage"/prefix/lib/systemd/system/intf-*.service
 else

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -103,23 +104,32 @@ TEST(ConfigReload, AHundredInPlaceEditsNeverApplyAnEmptyOrHalfWrittenFile) {
    Followed f(file);
    ASSERT_TRUE(f.reload.load());
    std::atomic<bool> done{false};
+   std::atomic<size_t> seen{f.applied.size()};
    std::thread editor([&] {
-      // As an editor saving in place: truncate, then write in two parts.
+      // As an editor saving in place: truncate, then write in two parts;
+      // the next save once this one is read (or after 2 s).
       for (int i = 0; i < 100; ++i) {
+         size_t before = seen;
          int fd = ::open(file.c_str(), O_WRONLY | O_TRUNC);
          size_t half = whole.size() / 2;
          (void)!::write(fd, whole.data(), half);
          std::this_thread::sleep_for(1ms);
          (void)!::write(fd, whole.data() + half, whole.size() - half);
          ::close(fd);
-         std::this_thread::sleep_for(2ms);
+         for (int w = 0; w < 2000 && seen == before; ++w) std::this_thread::sleep_for(1ms);
       }
       done = true;
    });
-   while (!done) f.loop.runOnce(5);
+   while (!done) {
+      f.loop.runOnce(5);
+      seen = f.applied.size();
+   }
    editor.join();
    f.run(500);
-   EXPECT_EQ(std::count(f.applied.begin(), f.applied.end(), 2u), long(f.applied.size()))
-         << "files applied with other than 2 interfaces";
+   long whole2 = std::count(f.applied.begin(), f.applied.end(), 2u);
+   std::cout << "100 in-place edits: " << f.applied.size() - 1 << " reloads, " << long(f.applied.size()) - whole2
+             << " of them with other than the 2 interfaces\n";
+   EXPECT_EQ(f.applied.size(), 101u) << "each finished save read once";
+   EXPECT_EQ(whole2, long(f.applied.size()));
    EXPECT_TRUE(f.refused.empty()) << f.refused.front();
 }

@@ -146,14 +146,13 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    std::string octets = metricLine(page, "intf_in_octets_total" + labels);
    ASSERT_FALSE(octets.empty()) << page;
    EXPECT_GE(std::stoull(octets.substr(octets.rfind(' ') + 1)), before + 20 * 1000);
-   EXPECT_EQ(metricLine(page, "intf_mtu" + labels), "intf_mtu" + labels + " " + std::to_string(kernelMtu));
-   EXPECT_EQ(metricLine(page, "intf_oper_up" + labels), "intf_oper_up" + labels + " 1");
+   for (auto const & [name, value] : {std::pair<std::string, std::string>{"intf_mtu", std::to_string(kernelMtu)},
+                                      {"intf_oper_up", "1"}, {"intf_present", "1"}, {"intf_admin_up", "1"}}) {
+      EXPECT_EQ(metricLine(page, name + labels), name + labels + " " + value);
+   }
    EXPECT_FALSE(metricLine(page, "intf_in_bytes_per_second" + labels).empty());
    std::string packets = metricLine(page, "intf_in_packets_total" + labels);
-   ASSERT_FALSE(packets.empty()) << page;
-   EXPECT_GE(std::stoull(packets.substr(packets.rfind(' ') + 1)), 20u);
-   EXPECT_EQ(metricLine(page, "intf_present" + labels), "intf_present" + labels + " 1");
-   EXPECT_EQ(metricLine(page, "intf_admin_up" + labels), "intf_admin_up" + labels + " 1");
+   EXPECT_GE(std::stoull("0" + packets.substr(packets.rfind(' ') + 1)), 20u) << page;
    EXPECT_NE(page.find("# TYPE intf_in_octets_total counter"), std::string::npos);
 
    // Killed without warning and started again: the new agent takes the

@@ -166,9 +166,10 @@ TEST(MetricsServer, AScrapeIsAnsweredWhileIdleAndTricklingClientsHoldEveryConnec
    MetricsServer busy("127.0.0.1:0", [] { return std::string(8 << 20, 'x'); }, limits);
    loop.add(&busy);
    std::vector<int> readers;
+   std::string_view get = "GET /metrics HTTP/1.1\r\n\r\n";
    for (int i = 0; i < 2; ++i) {
       readers.push_back(connectTo(busy.port()));
-      ::send(readers.back(), "GET /metrics HTTP/1.1\r\n\r\n", 27, MSG_NOSIGNAL);
+      ::send(readers.back(), get.data(), get.size(), MSG_NOSIGNAL);
       for (int r = 0; r < 5; ++r) loop.runOnce(1);
    }
    EXPECT_EQ(firstLine(exchange(loop, busy.port(), "GET /metrics HTTP/1.1\r\n\r\n")),

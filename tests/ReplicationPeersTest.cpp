@@ -817,6 +817,8 @@ TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheL
       int late = idlePeer(name);
       loop.runOnce(0);
       std::string told = drain(late);
+      String8 why;  // none left for a client either: it says so
+      Log::listServed("@" + name, "", 0, &why);
       int idle = 0;
       for (int i = 0; i < 10; ++i) idle += loop.runOnce(10) == 0;
       // With descriptors again, it listens again.
@@ -825,6 +827,7 @@ TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheL
       Log::Client after(loop, "@" + name, "served");
       loop.runUntil([&] { return after.synced(); }, 5000);
       result.send((told.find("out of file descriptors") != std::string::npos ? "told" : "not told: " + told) +
+                  (why.str() == "cannot connect to @" + name + ": " + std::strerror(EMFILE) ? "" : ", lister: " + why.str()) +
                   ", idle rounds " + std::to_string(idle) + " of 10" + (after.synced() ? ", served again" : ""));
       ::_exit(0);
    }

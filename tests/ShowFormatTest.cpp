@@ -64,16 +64,13 @@ std::vector<IntfView> rows() {
 
 // Interface order is the identifiers' order: by family, then by number
 // (Ethernet2 before Ethernet10), not by name.
-TEST(ShowFormat, StatusShowsTheDevicesAndTheConfiguredAdminStateInAlignedColumns) {
+TEST(ShowFormat, StatusAndRatesShowAlignedColumnsTheAdminStatesAndUtilisationWhereTheSpeedIsKnown) {
    EXPECT_EQ(statusTable(rows()),
              "Interface   Description    Admin  Configured  Oper              MTU  Device  Namespace\n"
              "Loopback0   東京🤖         up     -           unknown         65536  lo      default\n"
              "Ethernet2   Zürich\\x1b[2J  down   up          lowerLayerDown   1500  eth2    blue\n"
              "Ethernet3                  -      -           notPresent          -  -       default\n"
              "Ethernet10  to \"spine\"     up     up          up               9000  eth9    default\n");
-}
-
-TEST(ShowFormat, RatesAreInMbpsAndKppsWithUtilisationWhereTheSpeedIsKnown) {
    EXPECT_EQ(ratesTable(rows()),
              "Interface   Intvl  In Mbps      %  In Kpps  Out Mbps     %  Out Kpps\n"
              "Loopback0    5:00      0.0      -      0.0       0.0     -       0.0\n"

@@ -253,20 +253,21 @@ void Client::connect() {
    if (!address(path_, &a, &len, &why)) return closed(String8(why), false);
    // Non-blocking from the start: a server that accepts nobody (its
    // backlog full) refuses at once instead of stopping this loop.
-   fd_ = connectTo(a, len);
-   if (fd_ < 0) {
+   int fd = connectTo(a, len);
+   if (fd < 0) {
       connectErrno_ = errno;
       return closed(String8("cannot connect to " + path_ + ": " + std::strerror(connectErrno_)), false);
    }
    connectErrno_ = 0;
-   PeerCredentials server = peerCredentials(fd_);
+   // The connection becomes the client's only once its server is trusted.
+   PeerCredentials server = peerCredentials(fd);
    if (!options_.servers.admits(server)) {
       why = options_.servers.refusal(server);
       refusals_.refused("client of " + path_, server, why);
-      ::close(fd_);
-      fd_ = -1;
+      ::close(fd);
       return closed(String8("the server at " + path_ + " is not trusted: " + why), false);
    }
+   fd_ = fd;
    ++connects_;
    reader_ = std::make_unique<Reader>(fd_, mountPath_, options_.limits);
    reader_->syncHandlerIs([this] {
