@@ -168,10 +168,4 @@ void removeObjectsOf(std::string_view path) {
    });
 }
 
-void removeObjectsStartingWith(std::string const & start) {
-   if (start.size() < 2 || start[0] != '/') return;
-   std::string_view head = std::string_view(start).substr(1);
-   removeMatching([&](std::string_view n) { return n.substr(0, head.size()) == head; });
-}
-
 } // namespace Smash

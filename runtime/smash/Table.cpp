@@ -133,13 +133,12 @@ std::atomic<uint64_t> const * word(uint8_t const * p) { return reinterpret_cast<
 // Word-wise relaxed atomic copies between shared memory (word-aligned) and
 // anywhere: shared memory another process writes is only ever touched
 // through atomics. The last word is padded with zeros going in, and read
-// whole coming out (slot parts are padded to words). Null `from` stores
-// zeros.
+// whole coming out (slot parts are padded to words).
 void copyIn(uint8_t * to, void const * from, uint64_t bytes) {
    auto const * f = static_cast<uint8_t const *>(from);
    for (uint64_t i = 0; i < bytes; i += 8) {
       uint64_t v = 0;
-      if (f) std::memcpy(&v, f + i, std::min<uint64_t>(8, bytes - i));
+      std::memcpy(&v, f + i, std::min<uint64_t>(8, bytes - i));
       word(to + i)->store(v, std::memory_order_relaxed);
    }
 }

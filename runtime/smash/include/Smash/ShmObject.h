@@ -72,7 +72,5 @@ bool removeObject(std::string const & name);
 // Removes every part of what is mounted at `path` (objectName(path, X) for
 // every X).
 void removeObjectsOf(std::string_view path);
-// Removes every object whose name starts with `start` (all of a test's).
-void removeObjectsStartingWith(std::string const & start);
 
 } // namespace Smash
