@@ -81,7 +81,7 @@ TEST(ShowFormat, RatesAreInMbpsAndKppsWithUtilisationWhereTheSpeedIsKnown) {
 }
 
 TEST(ShowFormat, CountersShowWhatWasMeasuredAndMarkTheRest) {
-   std::string t = countersTable(rows());
+   std::string t = countersTable(rows(), 0);
    // Packets in all, multicast apart; unicast and broadcast were never told apart.
    EXPECT_NE(t.find("Ethernet10  123456789    1024            -           24            -"), std::string::npos) << t;
    EXPECT_EQ(t.find("Ethernet2"), std::string::npos) << t;  // no counters: not listed
@@ -91,7 +91,7 @@ TEST(ShowFormat, CountersShowWhatWasMeasuredAndMarkTheRest) {
    // Values that are the last ones read are marked, in every form.
    auto r = rows();
    r[0].countersStale = true;
-   for (auto [shown, piece] : {std::pair<std::string, char const *>{countersTable(r), "Ethernet10*"},
+   for (auto [shown, piece] : {std::pair<std::string, char const *>{countersTable(r, 0), "Ethernet10*"},
                                {ratesTable(r), "* last values read: the counters cannot be read just now\n"},
                                {interfaceDetail(r[0], 0), "  Counters: the last values read; they cannot be read just now\n"},
                                {toJson("counters", r), "\"stale\": true"}}) {
