@@ -6,8 +6,10 @@
 // table, under a prefix other than the reader's), the metrics page, a
 // restart after kill -9 under a reader that keeps reading, and, as root, a
 // namespace that appears under the running agent, gets its configuration
-// from intf-configd and goes away again.
+// from intf-configd and goes away again, and cleared counters as intf-show,
+// the metrics and restarts of either agent see them.
 #include "ChildProcess.h"
+#include "CounterClear.h"
 #include "NetNs.h"
 #include "Paths.h"
 #include "ShmTestPrefix.h"
@@ -69,6 +71,7 @@ class IntfAgent : public ::testing::Test {
       // The agent's prefix is not this reader's: readers find the table by
       // what the tree tells them.
       shm.table(agentPrefix + IntfApp::agentCounterTablePath);
+      shm.table(agentPrefix + IntfApp::agentSnapshotTablePath);
       sock = dir.path + "/agent.sock";
    }
    std::vector<std::string> args(std::vector<std::string> more = {}) {
@@ -84,6 +87,21 @@ class IntfAgent : public ::testing::Test {
       return c;
    }
    bool until(std::function<bool()> const & done, int ms = 5000) { return loop.runUntil(done, ms); }
+   // intf-show run against this agent: exit status, standard output and error.
+   struct Shown {
+      int status;
+      std::string out, err;
+   };
+   std::vector<std::string> showArgs(std::vector<std::string> more) {
+      std::vector<std::string> a{"--socket", sock, "--config-socket", dir.path + "/config.sock"};
+      a.insert(a.end(), more.begin(), more.end());
+      return a;
+   }
+   Shown show(std::vector<std::string> more, uid_t runAs = uid_t(-1)) {
+      Child c(loop, INTF_SHOW, showArgs(more), runAs);
+      int status = c.exitStatus();
+      return {status, c.stdout_.text, c.stderr_.text};
+   }
 
    ShmTestPrefix shm;
    std::string agentPrefix = Smash::shmPrefix() + "agent-";
@@ -177,6 +195,127 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_TRUE(agent->says("INTF_AGENT_STOPPING"));
    struct stat st;
    EXPECT_NE(::stat(sock.c_str(), &st), 0);
+}
+
+// A field of one interface's object in intf-show's JSON: a number, null, true; "" when absent.
+std::string jsonField(std::string const & json, std::string const & intf, std::string const & name) {
+   std::smatch m;
+   std::regex re("\"" + intf + "\": \\{[^}]*\"" + name + "\": ([0-9.e+]+|null|true)");
+   return std::regex_search(json, m, re) ? m[1].str() : "";
+}
+double jsonNumber(std::string const & json, std::string const & intf, std::string const & name) {
+   std::string v = jsonField(json, intf, name);
+   return v.empty() || v == "null" ? -1 : std::stod(v);
+}
+
+TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndNeverNegative) {
+   bool root = ::geteuid() == 0;
+   ASSERT_EQ(::chmod(dir.path.c_str(), 0755), 0);  // nobody reaches the socket too
+   int port = freePort();
+   std::string cfg = dir.path + "/intf.conf";
+   std::ofstream(cfg) << "Loopback0 description=\"cleared\"\n";
+   auto startConfigd = [&] {
+      auto c = std::make_unique<Child>(loop, INTF_CONFIGD, std::vector<std::string>{"--config", cfg, "--socket", dir.path + "/config.sock"});
+      EXPECT_TRUE(c->waitFor("serving on")) << c->stderr_.text;
+      return c;
+   };
+   auto configd = startConfigd();
+   std::vector<std::string> agentArgs{"--config", cfg, "--metrics", "127.0.0.1:" + std::to_string(port), "--allow-user", "65534"};
+   auto agent = startAgent(agentArgs);
+   auto counters = [&](bool raw = false) {
+      Shown s = show(raw ? std::vector<std::string>{"--raw", "--json", "counters"} : std::vector<std::string>{"--json", "counters"});
+      EXPECT_EQ(s.status, 0) << s.err;
+      return s.out;
+   };
+   std::string s;
+   ASSERT_TRUE(until([&] { return !jsonField(s = counters(), "Loopback0", "inOctets").empty(); })) << s;
+   // Never cleared: the absolute counts, and said so.
+   EXPECT_EQ(jsonField(s, "Loopback0", "lastClear"), "null") << s;
+   EXPECT_NE(show({"counters"}).out.find("Last clearing of counters never\n"), std::string::npos);
+
+   // Refused, changing nothing: a name that is no interface, another user's clear.
+   Shown bad = show({"clear", "counters", "lo0", "Ethernet999999"});
+   EXPECT_EQ(bad.status, 1);
+   EXPECT_NE(bad.err.find("clear counters: no interface or device named \"Ethernet999999\"; nothing cleared"), std::string::npos) << bad.err;
+   if (root) {
+      bad = show({"clear", "counters", "lo0"}, 65534);
+      EXPECT_EQ(bad.status, 1);
+      EXPECT_NE(bad.err.find("Permission denied (only the user intf-agent runs as may clear counters); nothing cleared"),
+                std::string::npos) << bad.err;
+   }
+   EXPECT_EQ(jsonField(counters(), "Loopback0", "lastClear"), "null");
+
+   // Many clears at once, of all and of one, while the agent writes: each done, none lost.
+   double before = double(std::time(nullptr));
+   uint64_t rawBefore = uint64_t(jsonNumber(counters(true), "Loopback0", "inOctets"));
+   std::vector<std::unique_ptr<Child>> clears;
+   for (int i = 0; i < 6; ++i) {
+      clears.push_back(std::make_unique<Child>(loop, INTF_SHOW, showArgs({"clear", "counters", i % 2 ? "Loopback0" : "--raw"})));
+   }
+   for (auto & c : clears) EXPECT_EQ(c->exitStatus(), 0) << c->stderr_.text;
+   s = counters();
+   std::regex lastClear("\"lastClear\": ([0-9.e+]+|null)");
+   int rows = 0;
+   for (auto it = std::sregex_iterator(s.begin(), s.end(), lastClear); it != std::sregex_iterator(); ++it, ++rows) {
+      EXPECT_GE(std::stod((*it)[1].str() == "null" ? "0" : (*it)[1].str()), before) << s;
+   }
+   EXPECT_GE(rows, 1);
+   // Counted from the clear, never above the absolute counter, which goes on.
+   sendUdp(20, 1000);
+   double since = 0;
+   ASSERT_TRUE(until([&] { return (since = jsonNumber(counters(), "Loopback0", "inOctets")) >= 20 * 1000; }));
+   double raw = jsonNumber(counters(true), "Loopback0", "inOctets");
+   EXPECT_LE(since, raw);
+   EXPECT_GE(raw, double(rawBefore) + 20 * 1000);
+   // The same clear for every show command and the metrics.
+   double when = jsonNumber(counters(), "Loopback0", "lastClear");
+   EXPECT_EQ(jsonNumber(show({"--json", "interface", "Loopback0"}).out, "Loopback0", "lastClear"), when);
+   EXPECT_NE(show({"interface", "Loopback0"}).out.find("  Last clearing of counters 0:00:"), std::string::npos);
+   std::string metric = metricLine(httpGet(port, "/metrics"),
+                                   "intf_counters_last_clear_timestamp_seconds{interface=\"Loopback0\",device=\"lo\",namespace=\"default\"}");
+   ASSERT_FALSE(metric.empty());
+   EXPECT_NEAR(std::stod(metric.substr(metric.rfind(' ') + 1)), when, 1e-3);
+
+   // Down, the agent refuses a clear; a restart of either agent and a reload keep the clear and its baseline.
+   agent->kill9();
+   bad = show({"clear", "counters"});
+   EXPECT_EQ(bad.status, 1);
+   EXPECT_NE(bad.err.find("no interface agent answers"), std::string::npos) << bad.err;
+   agent = startAgent(agentArgs);
+   configd.reset();
+   configd = startConfigd();
+   ASSERT_EQ(::kill(agent->pid, SIGHUP), 0);
+   EXPECT_TRUE(agent->waitFor("INTF_AGENT_MAPPING_RELOADED"));
+   ASSERT_TRUE(until([&] { return jsonNumber(s = counters(), "Loopback0", "inOctets") >= since; })) << s;
+   EXPECT_EQ(jsonNumber(s, "Loopback0", "lastClear"), when);
+   EXPECT_EQ(jsonField(s, "Loopback0", "baselineDropped"), "");
+   EXPECT_LT(jsonNumber(s, "Loopback0", "inOctets"), jsonNumber(counters(true), "Loopback0", "inOctets"));
+
+   // A baseline above the counters no longer applies: the absolute counts, said so.
+   auto clears2 = Kel::makePtr<Smash::Interface::AllIntfCounterSnapshotDir>(Kel::Name("snapshot"));
+   clears2->tablePathIs(IntfApp::agentSnapshotTablePath);
+   clears2->shmPrefixIs(agentPrefix);
+   Smash::Interface::IntfCounter high;
+   high.keyIs(IntfId("Loopback0"));
+   Interface::IntfStatistics huge;
+   huge.inOctetsIs(uint64_t(1) << 62);
+   huge.lastUpdateIs(1);
+   high.statisticsIs(huge);
+   ASSERT_EQ(IntfApp::clearCounters(*clears2, {high}, 1000, 2000), "");
+   s = counters();
+   EXPECT_EQ(jsonField(s, "Loopback0", "baselineDropped"), "true") << s;
+   EXPECT_EQ(jsonNumber(s, "Loopback0", "lastClear"), 1000);
+   EXPECT_GE(jsonNumber(s, "Loopback0", "inOctets"), raw);
+
+   // The agent makes the row again from the kernel's counters: that
+   // baseline is dropped for good, whatever the counters do next.
+   ASSERT_EQ(show({"clear", "counters", "lo0"}).status, 0);
+   when = jsonNumber(counters(), "Loopback0", "lastClear");
+   agent->kill9();
+   Smash::removeTable(agentPrefix + IntfApp::agentCounterTablePath);
+   agent = startAgent(agentArgs);
+   EXPECT_TRUE(until([&] { return jsonField(s = counters(), "Loopback0", "baselineDropped") == "true"; })) << s;
+   EXPECT_EQ(jsonNumber(s, "Loopback0", "lastClear"), when);
 }
 
 TEST_F(IntfAgent, EveryDocumentedPathMountsAsDocumentedAndReadmesAgentServesWhatIntfConfigdServes) {

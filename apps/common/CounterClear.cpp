@@ -56,6 +56,10 @@ Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> writerOf(Smash::Interface:
       w->counterSnapshotOpen(Smash::Role::writer);
    } catch (Smash::Error const & e) {
       *why = e.what();
+      // The table's objects are the agent's user's, and trusted as such.
+      if (why->find("Permission denied") != std::string::npos || why->find("owned by") != std::string::npos) {
+         *why += " (only the user intf-agent runs as may clear counters)";
+      }
       return nullptr;
    }
    return w;
