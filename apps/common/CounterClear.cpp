@@ -6,6 +6,16 @@
 
 namespace IntfApp {
 
+namespace {
+
+// An optional counter is compared and subtracted only where both have it.
+bool lower(Brik::MaybeU63 a, Brik::MaybeU63 b) { return a.hasValue() && b.hasValue() && a.value() < b.value(); }
+Brik::MaybeU63 minus(Brik::MaybeU63 a, Brik::MaybeU63 b) {
+   return a.hasValue() && b.hasValue() ? Brik::MaybeU63(a.value() - b.value()) : a;
+}
+
+} // namespace
+
 Interface::IntfStatistics sinceClear(Interface::IntfStatistics const & a,
                                      Smash::Interface::IntfCounter const * snapshot, ClearState * state) {
    *state = ClearState();
@@ -15,9 +25,8 @@ Interface::IntfStatistics sinceClear(Interface::IntfStatistics const & a,
    bool below = a.outUcastPkts() < b.outUcastPkts() || a.outMulticastPkts() < b.outMulticastPkts() ||
                 a.outBroadcastPkts() < b.outBroadcastPkts() || a.inUcastPkts() < b.inUcastPkts() ||
                 a.inMulticastPkts() < b.inMulticastPkts() || a.inBroadcastPkts() < b.inBroadcastPkts() ||
-                a.outOctets().value() < b.outOctets().value() || a.inOctets() < b.inOctets() ||
-                a.inDiscards() < b.inDiscards() || a.inErrors() < b.inErrors() ||
-                a.outDiscards().value() < b.outDiscards().value() || a.outErrors() < b.outErrors();
+                lower(a.outOctets(), b.outOctets()) || a.inOctets() < b.inOctets() || a.inDiscards() < b.inDiscards() ||
+                a.inErrors() < b.inErrors() || lower(a.outDiscards(), b.outDiscards()) || a.outErrors() < b.outErrors();
    if (below || b.lastUpdate() == 0) {
       state->baselineDropped = true;
       return a;
@@ -29,12 +38,11 @@ Interface::IntfStatistics sinceClear(Interface::IntfStatistics const & a,
    s.inUcastPktsIs(a.inUcastPkts() - b.inUcastPkts());
    s.inMulticastPktsIs(a.inMulticastPkts() - b.inMulticastPkts());
    s.inBroadcastPktsIs(a.inBroadcastPkts() - b.inBroadcastPkts());
-   // An absent counter stays absent.
-   if (a.outOctets().hasValue()) s.outOctetsIs(Brik::MaybeU63(a.outOctets().value() - b.outOctets().value()));
+   s.outOctetsIs(minus(a.outOctets(), b.outOctets()));
    s.inOctetsIs(a.inOctets() - b.inOctets());
    s.inDiscardsIs(a.inDiscards() - b.inDiscards());
    s.inErrorsIs(a.inErrors() - b.inErrors());
-   if (a.outDiscards().hasValue()) s.outDiscardsIs(Brik::MaybeU63(a.outDiscards().value() - b.outDiscards().value()));
+   s.outDiscardsIs(minus(a.outDiscards(), b.outDiscards()));
    s.outErrorsIs(a.outErrors() - b.outErrors());
    return s;
 }
