@@ -86,20 +86,16 @@ class IntfAgent : public ::testing::Test {
       return c;
    }
    bool until(std::function<bool()> const & done, int ms = 5000) { return loop.runUntil(done, ms); }
-   // intf-show run against this agent: exit status, standard output and error.
-   struct Shown {
-      int status;
-      std::string out, err;
-   };
+   // intf-show run against this agent: its exit status, and what it wrote (output, then errors).
    std::vector<std::string> showArgs(std::vector<std::string> more) {
       std::vector<std::string> a{"--socket", sock, "--config-socket", dir.path + "/config.sock"};
       a.insert(a.end(), more.begin(), more.end());
       return a;
    }
-   Shown show(std::vector<std::string> more, uid_t runAs = uid_t(-1)) {
+   std::pair<int, std::string> show(std::vector<std::string> more, uid_t runAs = uid_t(-1)) {
       Child c(loop, INTF_SHOW, showArgs(more), runAs);
       int status = c.exitStatus();
-      return {status, c.stdout_.text, c.stderr_.text};
+      return {status, c.stdout_.text + c.stderr_.text};
    }
 
    ShmTestPrefix shm;
@@ -214,13 +210,13 @@ TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndN
    std::vector<std::string> agentArgs{"--config", cfg, "--metrics", "127.0.0.1:" + std::to_string(port), "--allow-user", "65534"};
    auto agent = startAgent(agentArgs);
    auto counters = [&](std::string const & field, std::vector<std::string> args = {"--json", "counters"}) {
-      Shown s = show(args);
-      EXPECT_EQ(s.status, 0) << s.err;
-      return jsonField(s.out, "Loopback0", field);
+      auto [status, out] = show(args);
+      EXPECT_EQ(status, 0) << out;
+      return jsonField(out, "Loopback0", field);
    };
    ASSERT_TRUE(until([&] { return counters("inOctets") >= 0; }));
    // Never cleared: the absolute counts, and said so.
-   EXPECT_NE(show({"counters"}).out.find("Last clearing of counters never\n"), std::string::npos);
+   EXPECT_NE(show({"counters"}).second.find("Last clearing of counters never\n"), std::string::npos);
    // Refused, changing nothing: a name that is no interface, no agent answering, another user's clear.
    struct Refusal {
       std::vector<std::string> args;
@@ -233,8 +229,8 @@ TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndN
        ::geteuid() == 0 ? "Permission denied (only the user intf-agent runs as may clear counters); nothing cleared" : ""},
    };
    for (auto const & r : refusals) {
-      Shown bad = show(r.args, r.runAs);
-      EXPECT_TRUE(r.says.empty() || (bad.status == 1 && bad.err.find(r.says) != std::string::npos)) << bad.err;
+      auto [status, said] = show(r.args, r.runAs);
+      EXPECT_TRUE(r.says.empty() || (status == 1 && said.find(r.says) != std::string::npos)) << said;
    }
    EXPECT_EQ(counters("lastClear"), -1);
 
@@ -245,8 +241,7 @@ TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndN
       clears.push_back(std::make_unique<Child>(loop, INTF_SHOW, showArgs({"clear", "counters", i % 2 ? "Loopback0" : "--raw"})));
    }
    for (auto & c : clears) EXPECT_EQ(c->exitStatus(), 0) << c->stderr_.text;
-   std::string all = show({"--json", "counters"}).out;
-   EXPECT_EQ(all.find("\"lastClear\": null"), std::string::npos) << all;
+   EXPECT_EQ(show({"--json", "counters"}).second.find("\"lastClear\": null"), std::string::npos);
    // Counted from the clear, never above the absolute counter, which goes on.
    sendUdp(20, 1000);
    double since = 0;
@@ -257,7 +252,7 @@ TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndN
    double when = counters("lastClear");
    EXPECT_GE(when, before);
    EXPECT_EQ(counters("lastClear", {"--json", "interface", "Loopback0"}), when);
-   EXPECT_NE(show({"interface", "Loopback0"}).out.find("  Last clearing of counters 0:00:"), std::string::npos);
+   EXPECT_NE(show({"interface", "Loopback0"}).second.find("  Last clearing of counters 0:00:"), std::string::npos);
    std::string metric = metricLine(httpGet(port, "/metrics"),
                                    "intf_counters_last_clear_timestamp_seconds{interface=\"Loopback0\",device=\"lo\",namespace=\"default\"}");
    EXPECT_NEAR(std::stod("0" + metric.substr(metric.rfind(' ') + 1)), when, 1e-3) << metric;
@@ -277,7 +272,7 @@ TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndN
 
    // The agent makes the row again from the kernel's counters: that
    // baseline is dropped for good, whatever the counters do next.
-   ASSERT_EQ(show({"clear", "counters", "lo0"}).status, 0);
+   ASSERT_EQ(show({"clear", "counters", "lo0"}).first, 0);
    when = counters("lastClear");
    agent->kill9();
    Smash::removeTable(agentPrefix + IntfApp::agentCounterTablePath);
