@@ -6,17 +6,29 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 using namespace IntfApp;
 using Interface::IntfStatistics;
 using Zenet::IntfId;
 
 namespace {
 
-IntfStatistics stats(uint64_t inOctets, uint64_t inErrors, Brik::MaybeU63 outOctets, double lastUpdate) {
+// Statistics with the twelve counters in their order, from outUcastPkts to outErrors.
+IntfStatistics counters(std::array<uint64_t, 12> v, double lastUpdate) {
    IntfStatistics s;
-   s.inOctetsIs(inOctets);
-   s.inErrorsIs(inErrors);
-   s.outOctetsIs(outOctets);
+   s.outUcastPktsIs(v[0]);
+   s.outMulticastPktsIs(v[1]);
+   s.outBroadcastPktsIs(v[2]);
+   s.inUcastPktsIs(v[3]);
+   s.inMulticastPktsIs(v[4]);
+   s.inBroadcastPktsIs(v[5]);
+   s.outOctetsIs(Brik::MaybeU63(v[6]));
+   s.inOctetsIs(v[7]);
+   s.inDiscardsIs(v[8]);
+   s.inErrorsIs(v[9]);
+   s.outDiscardsIs(Brik::MaybeU63(v[10]));
+   s.outErrorsIs(v[11]);
    s.lastUpdateIs(lastUpdate);
    return s;
 }
@@ -34,31 +46,32 @@ Smash::Interface::IntfCounter snapshot(IntfId id, IntfStatistics const & baselin
 } // namespace
 
 TEST(CounterClear, CountsAreSinceTheClearNeverNegativeNeverAboveTheAbsolute) {
-   Brik::MaybeU63 absent = Brik::MaybeU63::absent();
-   IntfStatistics live = stats(1000, 7, Brik::MaybeU63(500), 50);
-   struct Case {
-      char const * what;
-      std::optional<IntfStatistics> baseline;
-      IntfStatistics absolute, counts;
-      ClearState state;
-   } const cases[] = {
-      {"never cleared", std::nullopt, live, live, {0, false}},
-      {"cleared", stats(400, 2, Brik::MaybeU63(100), 20), live, stats(600, 5, Brik::MaybeU63(400), 50), {99, false}},
-      {"cleared just now", live, live, stats(0, 0, Brik::MaybeU63(0), 50), {99, false}},
-      {"one counter below its baseline", stats(400, 8, Brik::MaybeU63(100), 20), live, live, {99, true}},
-      {"marked dropped", stats(0, 0, Brik::MaybeU63(0), 0), live, live, {99, true}},
-      {"an absent counter stays absent", stats(400, 2, Brik::MaybeU63(100), 20), stats(1000, 7, absent, 50),
-       stats(600, 5, absent, 50), {99, false}},
-   };
-   for (auto const & c : cases) {
-      SCOPED_TRACE(c.what);
-      Smash::Interface::IntfCounter row;
-      if (c.baseline) row = snapshot(IntfId("Ethernet1"), *c.baseline, 99);
-      ClearState state{1, true};
-      EXPECT_EQ(sinceClear(c.absolute, c.baseline ? &row : nullptr, &state), c.counts);
-      EXPECT_EQ(state.lastClear, c.state.lastClear);
-      EXPECT_EQ(state.baselineDropped, c.state.baselineDropped);
+   std::array<uint64_t, 12> absolute, base, since;
+   for (size_t i = 0; i < 12; ++i) absolute[i] = 1000 * (i + 1), base[i] = i + 1, since[i] = absolute[i] - base[i];
+   IntfStatistics live = counters(absolute, 50);
+   auto row = snapshot(IntfId("Ethernet1"), counters(base, 20), 99);
+   ClearState state{1, true};
+   EXPECT_EQ(sinceClear(live, nullptr, &state), live);
+   EXPECT_TRUE(state.lastClear == 0 && !state.baselineDropped) << "never cleared";
+   EXPECT_EQ(sinceClear(live, &row, &state), counters(since, 50));
+   EXPECT_TRUE(state.lastClear == 99 && !state.baselineDropped);
+   // Any one counter below its baseline, or the agent's mark (lastUpdate 0): the absolute counts, said so.
+   for (size_t i = 0; i <= 12; ++i) {
+      auto above = base;
+      if (i < 12) above[i] = absolute[i] + 1;
+      row.statisticsIs(i < 12 ? counters(above, 20) : IntfStatistics());
+      EXPECT_EQ(sinceClear(live, &row, &state), live) << i;
+      EXPECT_TRUE(state.lastClear == 99 && state.baselineDropped) << i;
    }
+   // An optional counter absent on either side is neither compared nor subtracted.
+   IntfStatistics noOut = live, noBase = counters(base, 20), want = counters(since, 50);
+   noOut.outOctetsIs(Brik::MaybeU63::absent());
+   noBase.outDiscardsIs(Brik::MaybeU63::absent());
+   row.statisticsIs(noBase);
+   want.outOctetsIs(Brik::MaybeU63::absent());
+   want.outDiscardsIs(live.outDiscards());
+   EXPECT_EQ(sinceClear(noOut, &row, &state), want);
+   EXPECT_FALSE(state.baselineDropped);
 }
 
 TEST(CounterClear, ClearsAndTheAgentsMarksShareOneTableWithOneWriterAtATime) {
@@ -71,25 +84,25 @@ TEST(CounterClear, ClearsAndTheAgentsMarksShareOneTableWithOneWriterAtATime) {
       return snapshotOf(where, id, &row) ? row : Smash::Interface::IntfCounter();
    };
    // A global clear, then one of Ethernet2: each row its own clear.
-   ASSERT_EQ(clearCounters(*where, {snapshot(e1, stats(10, 0, {}, 5), 0), snapshot(e2, stats(20, 0, {}, 5), 0)}, 100, 0), "");
-   ASSERT_EQ(clearCounters(*where, {snapshot(e2, stats(30, 0, {}, 8), 0)}, 200, 0), "");
+   ASSERT_EQ(clearCounters(*where, {snapshot(e1, counters({10}, 5), 0), snapshot(e2, counters({20}, 5), 0)}, 100, 0), "");
+   ASSERT_EQ(clearCounters(*where, {snapshot(e2, counters({30}, 8), 0)}, 200, 0), "");
 
-   EXPECT_EQ(baseline(e2), snapshot(e2, stats(30, 0, {}, 8), 200));
+   EXPECT_EQ(baseline(e2), snapshot(e2, counters({30}, 8), 200));
    // Held by another writer: refused, after the wait, and nothing changes.
    {
       auto holder = Kel::makePtr<Smash::Interface::AllIntfCounterSnapshotDir>(Kel::Name("snapshot"));
       holder->tablePathIs(where->tablePath());
       holder->counterSnapshotOpen(Smash::Role::writer);
-      EXPECT_NE(clearCounters(*where, {snapshot(e1, stats(99, 0, {}, 9), 0)}, 300, 20).find("already has a writer"),
+      EXPECT_NE(clearCounters(*where, {snapshot(e1, counters({99}, 9), 0)}, 300, 20).find("already has a writer"),
                 std::string::npos);
       EXPECT_NE(dropBaselines(*where, {{e1, 6}}), "");
    }
-   EXPECT_EQ(baseline(e1), snapshot(e1, stats(10, 0, {}, 5), 100));
+   EXPECT_EQ(baseline(e1), snapshot(e1, counters({10}, 5), 100));
 
    // Rows made again at sample time 6: the baseline taken before is dropped
    // (its clear time kept); the one taken since stays, as does one never cleared.
    ASSERT_EQ(dropBaselines(*where, {{e1, 6}, {e2, 6}, {IntfId("Ethernet3"), 6}}), "");
    EXPECT_EQ(baseline(e1), snapshot(e1, IntfStatistics(), 100));
-   EXPECT_EQ(baseline(e2), snapshot(e2, stats(30, 0, {}, 8), 200));
+   EXPECT_EQ(baseline(e2), snapshot(e2, counters({30}, 8), 200));
    EXPECT_EQ(where->counterSnapshotSize(), 2u);
 }

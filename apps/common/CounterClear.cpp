@@ -64,10 +64,9 @@ Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> writerOf(Smash::Interface:
       w->counterSnapshotOpen(Smash::Role::writer);
    } catch (Smash::Error const & e) {
       *why = e.what();
-      // The table's objects are the agent's user's, and trusted as such.
-      if (why->find("Permission denied") != std::string::npos || why->find("owned by") != std::string::npos) {
-         *why += " (only the user intf-agent runs as may clear counters)";
-      }
+      // Other than a busy table, a refusal is about whose the table is: its
+      // objects are the agent's user's, and trusted as such.
+      if (why->find("already has a writer") == std::string::npos) *why += " (only the user intf-agent runs as may clear counters)";
       return nullptr;
    }
    return w;

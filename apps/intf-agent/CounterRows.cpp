@@ -70,7 +70,8 @@ void CounterRows::dropBaselines() {
       return !snapshots_->counterSnapshotFind(r.first, &s) || s.statistics().lastUpdate() == 0 ||
              s.statistics().lastUpdate() >= r.second;
    });
-   if (!remade_.empty() && IntfApp::dropBaselines(*snapshots_, remade_).empty()) remade_.clear();
+   // Marked ones are passed over at the next round; while a clear holds the table, it tries again.
+   if (!remade_.empty()) IntfApp::dropBaselines(*snapshots_, remade_);
 }
 
 // Not before every namespace has been read, so that no device is taken for gone.

@@ -230,7 +230,6 @@ std::string clear(Kel::Ptr<Kel::Entity> const & agent, std::vector<std::string> 
       row.statisticsIs(v->stats);
       live.push_back(row);
    }
-   if (live.empty()) return "no interface has counters";
    std::string why = IntfApp::clearCounters(*table, live, wallNow(), 2000);
    if (!why.empty()) return why;
    *done = "Cleared the counters of " + (live.size() == 1 ? live[0].key().stringValue().str()
