@@ -168,7 +168,8 @@ TEST(MetricsServer, AScrapeIsAnsweredWhileIdleAndTricklingClientsHoldEveryConnec
    std::vector<int> readers;
    for (int i = 0; i < 2; ++i) {
       readers.push_back(connectTo(busy.port()));
-      ::send(readers.back(), "GET /metrics HTTP/1.1\r\n\r\n", 27, MSG_NOSIGNAL);
+      std::string request = "GET /metrics HTTP/1.1\r\n\r\n";
+      ::send(readers.back(), request.data(), request.size(), MSG_NOSIGNAL);
       for (int r = 0; r < 5; ++r) loop.runOnce(1);
    }
    EXPECT_EQ(firstLine(exchange(loop, busy.port(), "GET /metrics HTTP/1.1\r\n\r\n")),
