@@ -235,7 +235,7 @@ TEST(EndToEnd, TheShowCommandAndTheWatcherSayWhatIsWrong) {
        root ? "You may not read it" : "", false},
       {{"--socket", "x", "bogus"}, uid_t(-1), 2, "unknown command \"bogus\"", false},
       {{"--socket", "x", "clear", "everything"}, uid_t(-1), 2, "clear takes \"counters\" and interface names", false},
-      {{"--socket", "x", "counters", "Ethernet1"}, uid_t(-1), 2, "counters takes no name", false},
+      {{"--socket", "x", "counters", "Ethernet1", "Ethernet2"}, uid_t(-1), 2, "counters takes no name", false},
    };
    for (auto & c : cases) {
       c.args.insert(c.args.begin(), {"--config-socket", ""});

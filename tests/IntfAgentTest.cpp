@@ -272,7 +272,7 @@ TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndN
 
    // The agent makes the row again from the kernel's counters: that
    // baseline is dropped for good, whatever the counters do next.
-   ASSERT_EQ(show({"clear", "counters", "lo0"}).first, 0);
+   ASSERT_EQ(show({"clear", "counters", "lo0"}), std::make_pair(0, std::string("Cleared the counters of Loopback0\n")));
    when = counters("lastClear");
    agent->kill9();
    Smash::removeTable(agentPrefix + IntfApp::agentCounterTablePath);

@@ -112,10 +112,7 @@ std::string dropBaselines(Smash::Interface::AllIntfCounterSnapshotDir const & wh
       for (auto const & [id, at] : remade) {
          Smash::Interface::IntfCounter row;
          // A clear taken since the row was made again is the one that applies.
-         if (!w->counterSnapshotFind(id, &row) || row.statistics().lastUpdate() == 0 ||
-             row.statistics().lastUpdate() >= at) {
-            continue;
-         }
+         if (!w->counterSnapshotFind(id, &row) || row.statistics().lastUpdate() >= at) continue;
          row.statisticsIs(Interface::IntfStatistics());
          w->counterSnapshotIs(row);
       }
