@@ -2,7 +2,8 @@
 # The interface agents at work on this host: builds, then starts the
 # configuration agent and the host agent, drives traffic through a
 # namespace's loopback device, shows rates and statuses moving, changes the
-# configured MTU and reads it back from the kernel, serves the model to a gNMI
+# configured MTU and reads it back from the kernel, clears the counters and
+# shows the counts since the clear, serves the model to a gNMI
 # collector (intf-gnmid, with Node's gRPC client as the collector), and
 # cleans up.
 # As root it works in a throwaway network namespace; otherwise on the
@@ -84,6 +85,14 @@ for i in 1 2 3; do
 done
 wait "${pids[-1]}" || true
 "${show[@]}" counters
+
+step "intf-show clear counters $intf, then a second of traffic: counts since the clear"
+"${show[@]}" clear counters "$intf"
+"$bin/intf-traffic" "${traffic[@]}" --seconds 1 --rate 1000 --size 500
+sleep 1.2  # two samples of the agent
+"${show[@]}" interface "$intf" | grep -E 'Input|Output|Last clearing'
+echo "-- the absolute counters (--raw), which monitoring sees, went on:"
+"${show[@]}" --raw interface "$intf" | grep -E 'Input|Output'
 
 if $root; then
    step "the configured MTU changes to 9000"

@@ -144,7 +144,7 @@ inline int exitCode(pid_t pid) {
    ::waitpid(pid, &st, 0);
    return WIFEXITED(st) ? WEXITSTATUS(st) : 100 + WTERMSIG(st);
 }
-inline void stop(pid_t pid) { Reap{pid}; }
+inline void stop(pid_t pid) { Reap reaped{pid}; }
 
 // Memory a test shares with the children it forks: a flag to stop, counts.
 template <class T>

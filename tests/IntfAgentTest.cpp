@@ -6,7 +6,8 @@
 // table, under a prefix other than the reader's), the metrics page, a
 // restart after kill -9 under a reader that keeps reading, and, as root, a
 // namespace that appears under the running agent, gets its configuration
-// from intf-configd and goes away again.
+// from intf-configd and goes away again, and cleared counters as intf-show,
+// the metrics and restarts of either agent see them.
 #include "ChildProcess.h"
 #include "NetNs.h"
 #include "Paths.h"
@@ -69,6 +70,7 @@ class IntfAgent : public ::testing::Test {
       // The agent's prefix is not this reader's: readers find the table by
       // what the tree tells them.
       shm.table(agentPrefix + IntfApp::agentCounterTablePath);
+      shm.table(agentPrefix + IntfApp::agentSnapshotTablePath);
       sock = dir.path + "/agent.sock";
    }
    std::vector<std::string> args(std::vector<std::string> more = {}) {
@@ -84,6 +86,17 @@ class IntfAgent : public ::testing::Test {
       return c;
    }
    bool until(std::function<bool()> const & done, int ms = 5000) { return loop.runUntil(done, ms); }
+   // intf-show run against this agent: its exit status, and what it wrote (output, then errors).
+   std::vector<std::string> showArgs(std::vector<std::string> more) {
+      std::vector<std::string> a{"--socket", sock, "--config-socket", dir.path + "/config.sock"};
+      a.insert(a.end(), more.begin(), more.end());
+      return a;
+   }
+   std::pair<int, std::string> show(std::vector<std::string> more, uid_t runAs = uid_t(-1)) {
+      Child c(loop, INTF_SHOW, showArgs(more), runAs);
+      int status = c.exitStatus();
+      return {status, c.stdout_.text + c.stderr_.text};
+   }
 
    ShmTestPrefix shm;
    std::string agentPrefix = Smash::shmPrefix() + "agent-";
@@ -146,13 +159,15 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    std::string octets = metricLine(page, "intf_in_octets_total" + labels);
    ASSERT_FALSE(octets.empty()) << page;
    EXPECT_GE(std::stoull(octets.substr(octets.rfind(' ') + 1)), before + 20 * 1000);
-   for (auto const & [name, value] : {std::pair<std::string, std::string>{"intf_mtu", std::to_string(kernelMtu)},
-                                      {"intf_oper_up", "1"}, {"intf_present", "1"}, {"intf_admin_up", "1"}}) {
-      EXPECT_EQ(metricLine(page, name + labels), name + labels + " " + value);
+   std::string mtu = std::to_string(kernelMtu);
+   for (auto [metric, value] : {std::pair<char const *, char const *>{"intf_mtu", mtu.c_str()}, {"intf_oper_up", "1"},
+                                {"intf_present", "1"}, {"intf_admin_up", "1"}, {"intf_in_bytes_per_second", ""}}) {
+      std::string line = metricLine(page, metric + labels);  // any value where none is given
+      EXPECT_TRUE(!line.empty() && (!*value || line.substr(line.rfind(' ') + 1) == value)) << metric << "\n" << page;
    }
-   EXPECT_FALSE(metricLine(page, "intf_in_bytes_per_second" + labels).empty());
    std::string packets = metricLine(page, "intf_in_packets_total" + labels);
-   EXPECT_GE(std::stoull("0" + packets.substr(packets.rfind(' ') + 1)), 20u) << page;
+   ASSERT_FALSE(packets.empty()) << page;
+   EXPECT_GE(std::stoull(packets.substr(packets.rfind(' ') + 1)), 20u);
    EXPECT_NE(page.find("# TYPE intf_in_octets_total counter"), std::string::npos);
 
    // Killed without warning and started again: the new agent takes the
@@ -176,6 +191,94 @@ TEST_F(IntfAgent, LoopbackHasAStatusAndLiveCountersThatSurviveARestart) {
    EXPECT_TRUE(agent->says("INTF_AGENT_STOPPING"));
    struct stat st;
    EXPECT_NE(::stat(sock.c_str(), &st), 0);
+}
+
+// A number of one interface's object in intf-show's JSON; -1 for null, -2 when absent.
+double jsonField(std::string const & json, std::string const & intf, std::string const & name) {
+   std::smatch m;
+   std::regex re("\"" + intf + "\": \\{[^}]*\"" + name + "\": ([0-9.e+]+|null|true)");
+   return !std::regex_search(json, m, re) ? -2 : m[1] == "null" ? -1 : m[1] == "true" ? 1 : std::stod(m[1]);
+}
+
+TEST_F(IntfAgent, ClearedCountersAreOneStoreForEveryReaderKeptAcrossRestartsAndNeverNegative) {
+   ASSERT_EQ(::chmod(dir.path.c_str(), 0755), 0);  // nobody reaches the socket too
+   int port = freePort();
+   std::string cfg = dir.path + "/intf.conf";
+   std::ofstream(cfg) << "Loopback0 description=\"cleared\"\n";
+   std::vector<std::string> configdArgs{"--config", cfg, "--socket", dir.path + "/config.sock"};
+   auto configd = std::make_unique<Child>(loop, INTF_CONFIGD, configdArgs);
+   std::vector<std::string> agentArgs{"--config", cfg, "--metrics", "127.0.0.1:" + std::to_string(port), "--allow-user", "65534"};
+   auto agent = startAgent(agentArgs);
+   auto counters = [&](std::string const & field, std::vector<std::string> args = {"--json", "counters"}) {
+      auto [status, out] = show(args);
+      EXPECT_EQ(status, 0) << out;
+      return jsonField(out, "Loopback0", field);
+   };
+   ASSERT_TRUE(until([&] { return counters("inOctets") >= 0; }));
+   // Never cleared: the absolute counts, and said so.
+   EXPECT_NE(show({"counters"}).second.find("Last clearing of counters never\n"), std::string::npos);
+   // Refused, changing nothing: a name that is no interface, no agent answering, another user's clear.
+   struct Refusal {
+      std::vector<std::string> args;
+      uid_t runAs;
+      std::string says;
+   } const refusals[] = {
+      {{"clear", "counters", "lo0", "Ethernet999999"}, uid_t(-1), "no interface or device named \"Ethernet999999\"; nothing cleared"},
+      {{"--socket", dir.path + "/none.sock", "clear", "counters"}, uid_t(-1), "no interface agent answers"},
+      {{"clear", "counters", "lo0"}, ::geteuid() == 0 ? 65534 : uid_t(-1),
+       ::geteuid() == 0 ? "Permission denied (only the user intf-agent runs as may clear counters); nothing cleared" : ""},
+   };
+   for (auto const & r : refusals) {
+      auto [status, said] = show(r.args, r.runAs);
+      EXPECT_TRUE(r.says.empty() || (status == 1 && said.find(r.says) != std::string::npos)) << said;
+   }
+   EXPECT_EQ(counters("lastClear"), -1);
+
+   // Many clears at once, of all and of one, while the agent writes: each done.
+   double before = double(std::time(nullptr)), rawBefore = counters("inOctets", {"--raw", "--json", "counters"});
+   std::vector<std::unique_ptr<Child>> clears;
+   for (int i = 0; i < 6; ++i) {
+      clears.push_back(std::make_unique<Child>(loop, INTF_SHOW, showArgs({"clear", "counters", i % 2 ? "Loopback0" : "--raw"})));
+   }
+   for (auto & c : clears) EXPECT_EQ(c->exitStatus(), 0) << c->stderr_.text;
+   EXPECT_EQ(show({"--json", "counters"}).second.find("\"lastClear\": null"), std::string::npos);
+   // Counted from the clear, never above the absolute counter, which goes on.
+   sendUdp(20, 1000);
+   double since = 0;
+   ASSERT_TRUE(until([&] { return (since = counters("inOctets")) >= 20 * 1000; }));
+   double raw = counters("inOctets", {"--raw", "--json", "counters"});
+   EXPECT_TRUE(since <= raw && raw >= rawBefore + 20 * 1000) << since << " " << raw;
+   // The same clear for every show command and the metrics.
+   double when = counters("lastClear");
+   EXPECT_GE(when, before);
+   EXPECT_EQ(counters("lastClear", {"--json", "interface", "Loopback0"}), when);
+   EXPECT_NE(show({"interface", "Loopback0"}).second.find("  Last clearing of counters 0:00:"), std::string::npos);
+   std::string metric = metricLine(httpGet(port, "/metrics"),
+                                   "intf_counters_last_clear_timestamp_seconds{interface=\"Loopback0\",device=\"lo\",namespace=\"default\"}");
+   EXPECT_NEAR(std::stod("0" + metric.substr(metric.rfind(' ') + 1)), when, 1e-3) << metric;
+
+   // Restarts of either agent and a reload keep the clear and its baseline.
+   agent->kill9();
+   agent = startAgent(agentArgs);
+   configd.reset();
+   configd = std::make_unique<Child>(loop, INTF_CONFIGD, configdArgs);
+   EXPECT_TRUE(configd->waitFor("serving on"));
+   ASSERT_EQ(::kill(agent->pid, SIGHUP), 0);
+   EXPECT_TRUE(agent->waitFor("INTF_AGENT_MAPPING_RELOADED"));
+   ASSERT_TRUE(until([&] { return counters("inOctets") >= since; }));
+   EXPECT_EQ(counters("lastClear"), when);
+   EXPECT_EQ(counters("baselineDropped"), -2);
+   EXPECT_LT(counters("inOctets"), counters("inOctets", {"--raw", "--json", "counters"}));
+
+   // The agent makes the row again from the kernel's counters: that
+   // baseline is dropped for good, whatever the counters do next.
+   ASSERT_EQ(show({"clear", "counters", "lo0"}), std::make_pair(0, std::string("Cleared the counters of Loopback0\n")));
+   when = counters("lastClear");
+   agent->kill9();
+   Smash::removeTable(agentPrefix + IntfApp::agentCounterTablePath);
+   agent = startAgent(agentArgs);
+   EXPECT_TRUE(until([&] { return counters("baselineDropped") == 1; }));
+   EXPECT_EQ(counters("lastClear"), when);
 }
 
 TEST_F(IntfAgent, EveryDocumentedPathMountsAsDocumentedAndReadmesAgentServesWhatIntfConfigdServes) {

@@ -2,6 +2,7 @@
 // loopback, its query interface returns the agent's values, and its
 // checker finds nothing to say of the page.
 #include "ChildProcess.h"
+#include "CounterClear.h"
 
 #include <Smash/Table.h>
 
@@ -47,6 +48,7 @@ TEST(PrometheusScrape, TheMonitoringServerCollectsTheAgentsCountersAndGauges) {
       ~RemoveTables() {
          Smash::shmPrefixIs(prefix);
          Smash::removeTable("interface/counter/eth/intf");
+         Smash::removeTable("interface/counter/eth/snapshot");
       }
    } removeTables{prefix};
    int metricsPort = freePort(), serverPort = freePort();
@@ -84,8 +86,15 @@ TEST(PrometheusScrape, TheMonitoringServerCollectsTheAgentsCountersAndGauges) {
    EXPECT_GT(mtu, 0);
    EXPECT_EQ(queried(serverPort, "intf_admin_up"), 1);  // lo is up wherever tests run
 
-   // The format's own checker finds nothing to say of the page.
+   // The format's own checker finds nothing to say of the page, a clear's time on it.
+   auto clears = Kel::makePtr<Smash::Interface::AllIntfCounterSnapshotDir>(Kel::Name("snapshot"));
+   clears->tablePathIs("interface/counter/eth/snapshot");
+   clears->shmPrefixIs(prefix);
+   Smash::Interface::IntfCounter lo;
+   lo.keyIs(Zenet::IntfId("Loopback0"));
+   ASSERT_EQ(IntfApp::clearCounters(*clears, {lo}, 1700000000, 2000), "");
    std::string page = httpGet(metricsPort, "/metrics");
+   ASSERT_NE(page.find("\nintf_counters_last_clear_timestamp_seconds{"), std::string::npos) << page;
    std::ofstream(dir.path + "/page.txt") << page.substr(page.find("\r\n\r\n") + 4);
    FILE * lint = ::popen(("/usr/bin/promtool check metrics < " + dir.path + "/page.txt 2>&1").c_str(), "r");
    ASSERT_TRUE(lint);

@@ -78,7 +78,7 @@ TEST(ShowFormat, StatusAndRatesShowAlignedColumnsTheAdminStatesAndUtilisationWhe
 }
 
 TEST(ShowFormat, CountersShowWhatWasMeasuredAndMarkTheRest) {
-   std::string t = countersTable(rows());
+   std::string t = countersTable(rows(), 0);
    // Packets in all, multicast apart; unicast and broadcast were never told apart.
    EXPECT_NE(t.find("Ethernet10  123456789    1024            -           24            -"), std::string::npos) << t;
    EXPECT_EQ(t.find("Ethernet2"), std::string::npos) << t;  // no counters: not listed
@@ -88,13 +88,40 @@ TEST(ShowFormat, CountersShowWhatWasMeasuredAndMarkTheRest) {
    // Values that are the last ones read are marked, in every form.
    auto r = rows();
    r[0].countersStale = true;
-   for (auto [shown, piece] : {std::pair<std::string, char const *>{countersTable(r), "Ethernet10*"},
+   for (auto [shown, piece] : {std::pair<std::string, char const *>{countersTable(r, 0), "Ethernet10*"},
                                {ratesTable(r), "* last values read: the counters cannot be read just now\n"},
                                {interfaceDetail(r[0], 0), "  Counters: the last values read; they cannot be read just now\n"},
                                {toJson("counters", r), "\"stale\": true"}}) {
       EXPECT_NE(shown.find(piece), std::string::npos) << shown;
    }
    EXPECT_EQ(t.find("*"), std::string::npos);
+}
+
+TEST(ShowFormat, TheLastClearIsSaidOnceWhenAllAgreeElsePerInterface) {
+   struct Case {
+      ClearState e10, lo;
+      std::string tail;
+   } const cases[] = {
+      {{}, {}, "\nLast clearing of counters never\n"},
+      {{99867, false}, {99867, false}, "\nLast clearing of counters 0:02:13 ago\n"},
+      {{9939, false}, {}, "\nLoopback0: Last clearing of counters never\nEthernet10: Last clearing of counters 25:01:01 ago\n"},
+      {{99995, true}, {99995, true}, " 0:00:05 ago (baseline dropped: the counters restarted since; counts are totals)\n"},
+      {{100005, false}, {100005, false}, " 0:00:00 ago\n"},
+   };
+   for (auto const & c : cases) {
+      auto r = rows();
+      r[0].clear = c.e10;
+      r[1].clear = c.lo;
+      std::string t = countersTable(r, 100000);
+      EXPECT_TRUE(t.ends_with(c.tail)) << t;
+   }
+   // Scripts are told when, whether the baseline was dropped, or that the counters are absolute.
+   auto r = rows();
+   r[0].clear = ClearState{1234.5, true};
+   std::string json = toJson("counters", r);
+   EXPECT_NE(json.find("\"stale\": false, \"lastClear\": 1234.5, \"baselineDropped\": true}"), std::string::npos) << json;
+   EXPECT_NE(json.find("\"stale\": false, \"raw\": true}"), std::string::npos) << json;
+   EXPECT_NE(interfaceDetail(r[0], 1334.5).find("\n  Last clearing of counters 0:01:40 ago (baseline dropped"), std::string::npos);
 }
 
 TEST(ShowFormat, JsonHasAVersionAndTheFieldsOfItsCommandOnly) {

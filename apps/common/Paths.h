@@ -23,6 +23,9 @@ std::string agentSocketPath();
 // AllIntfCounterDir, one row per interface), under the process's
 // shared-memory prefix (Smash::shmPrefixIs).
 inline constexpr char agentCounterTablePath[] = "interface/counter/eth/intf";
+// The mount path of intf-agent's table of cleared counters' baselines
+// (Smash::Interface::AllIntfCounterSnapshotDir; see CounterClear.h).
+inline constexpr char agentSnapshotTablePath[] = "interface/counter/eth/snapshot";
 
 // Makes `dir` (its parent must exist) unless it is there, private to this
 // user unless we are root. Refuses a name that is not a directory owned by

@@ -167,7 +167,10 @@ std::string countersJson(IntfView const & v) {
    }
    if (s.outDiscards().hasValue()) o += ", \"outDiscards\": " + std::to_string(s.outDiscards().value());
    o += ", \"outErrors\": " + std::to_string(s.outErrors());
-   return o + ", \"lastUpdate\": " + jsonNumber(s.lastUpdate()) + ", \"stale\": " + (v.countersStale ? "true" : "false");
+   o += ", \"lastUpdate\": " + jsonNumber(s.lastUpdate()) + ", \"stale\": " + (v.countersStale ? "true" : "false");
+   if (!v.clear) return o + ", \"raw\": true";
+   o += ", \"lastClear\": " + (v.clear->lastClear > 0 ? jsonNumber(v.clear->lastClear) : std::string("null"));
+   return o + (v.clear->baselineDropped ? ", \"baselineDropped\": true" : "");
 }
 
 std::string ratesJson(IntfView const & v) {
@@ -231,7 +234,18 @@ std::string statusTable(std::vector<IntfView> rows) {
    return t.render();
 }
 
-std::string countersTable(std::vector<IntfView> rows) {
+std::string lastClearing(ClearState const & c, double now) {
+   std::string o = "Last clearing of counters ";
+   if (c.lastClear <= 0) return o + "never";
+   long s = now > c.lastClear ? long(now - c.lastClear) : 0;
+   char buf[48];
+   std::snprintf(buf, sizeof buf, "%ld:%02ld:%02ld ago", s / 3600, s / 60 % 60, s % 60);
+   o += buf;
+   if (c.baselineDropped) o += " (baseline dropped: the counters restarted since; counts are totals)";
+   return o;
+}
+
+std::string countersTable(std::vector<IntfView> rows, double now) {
    sortRows(rows);
    Table in{{{"Interface", "InOctets", "InPkts", "InUcastPkts", "InMcastPkts", "InBcastPkts", "InDiscards",
               "InErrors"}},
@@ -249,7 +263,14 @@ std::string countersTable(std::vector<IntfView> rows) {
       out.cells.push_back({counterName(v), maybe(s.outOctets()), std::to_string(total(o)), cell(v, o[0]), cell(v, o[1]),
                            cell(v, o[2]), maybe(s.outDiscards()), std::to_string(s.outErrors())});
    }
-   return in.render() + "\n" + out.render() + staleNote(rows);
+   std::vector<std::pair<std::string, std::string>> clears;  // interface, when
+   for (auto const & v : rows) {
+      if (v.hasCounters && v.clear) clears.emplace_back(name(v), lastClearing(*v.clear, now));
+   }
+   bool agree = std::all_of(clears.begin(), clears.end(), [&](auto const & c) { return c.second == clears[0].second; });
+   std::string note = agree && !clears.empty() ? clears[0].second + "\n" : "";
+   for (auto const & [n, c] : clears) note += agree ? "" : n + ": " + c + "\n";
+   return in.render() + "\n" + out.render() + staleNote(rows) + note;
 }
 
 std::string ratesTable(std::vector<IntfView> rows) {
@@ -286,6 +307,7 @@ std::string interfaceDetail(IntfView const & v, double now) {
    }
    if (!v.hasCounters) return o + "  No counters\n";
    if (v.countersStale) o += "  Counters: the last values read; they cannot be read just now\n";
+   o += v.clear ? "  " + lastClearing(*v.clear, now) + "\n" : "  Counters are absolute (--raw)\n";
    auto const & s = v.stats;
    auto const & r = v.rates;
    o += "  " + interval(v.loadInterval) + " input rate " + fixed(r.inBitsRate() / 1e6, 1) +

@@ -9,6 +9,8 @@
 // not by its bytes.
 #pragma once
 
+#include "CounterClear.h"
+
 #include <Intf/Types.h>
 #include <Zenet/IntfId.h>
 
@@ -47,7 +49,8 @@ struct IntfView {
    // The counter row could not be read just now: stats and rates are the
    // last values read, shown marked rather than as zeros.
    bool countersStale = false;
-   Interface::IntfStatistics stats;
+   Interface::IntfStatistics stats;  // since the last clear, or absolute when `clear` is empty
+   std::optional<ClearState> clear;  // empty: stats are the absolute counters (--raw)
    Interface::IntfRates rates;
    uint32_t unmeasured = 0;    // Unmeasured bits: the source's counters it does not give
    double loadInterval = 300;  // seconds the rates average over
@@ -58,7 +61,10 @@ std::string operName(Interface::IntfOperStatus s);
 
 // Each table lists the rows in interface order (rows are sorted first).
 std::string statusTable(std::vector<IntfView> rows);
-std::string countersTable(std::vector<IntfView> rows);
+// Counts since the last clear are followed by when that was ("Last
+// clearing of counters 0:02:13 ago", or "never"): one line when every
+// interface agrees, else one per interface. `now` is wall-clock seconds.
+std::string countersTable(std::vector<IntfView> rows, double now);
 std::string ratesTable(std::vector<IntfView> rows);
 // Everything known of one interface, one "name: value" line each.
 std::string interfaceDetail(IntfView const & v, double now);
@@ -68,7 +74,13 @@ std::string interfaceDetail(IntfView const & v, double now);
 // where each interface carries the fields of the command: "status" its
 // state, "counters" its counters, "rates" its rates, "interface" all three.
 inline constexpr int jsonVersion = 1;
+// Counters carry "lastClear" (seconds since the epoch, null when never
+// cleared) and "baselineDropped": true when the counts are the absolute
+// ones again; or "raw": true for absolute counters.
 std::string toJson(std::string const & command, std::vector<IntfView> rows);
+// "0:02:13 ago" for a clear at `lastClear` seen at `now`, "never" for 0,
+// with the reason when the baseline was dropped.
+std::string lastClearing(ClearState const & c, double now);
 
 // JSON string literal of `s` (quotes included); bytes that are not UTF-8
 // become U+FFFD.

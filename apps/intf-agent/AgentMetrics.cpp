@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <vector>
 
@@ -12,7 +13,8 @@ namespace IntfApp {
 
 using Interface::IntfOperStatus;
 
-std::string metricsText(HostNamespaces const & namespaces, ConfigMount const * config) {
+std::string metricsText(HostNamespaces const & namespaces, ConfigMount const * config,
+                        Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir const> const & snapshots) {
    struct Row {
       std::string intf, device, ns;
       HostDevice const * d;  // null: configured, no device
@@ -104,6 +106,17 @@ std::string metricsText(HostNamespaces const & namespaces, ConfigMount const * c
    family("intf_oper_last_change_timestamp_seconds", "gauge",
           "When the operational status last changed (seconds since the epoch; 0 if never).", present,
           [](Row const & r) { return double(r.d->status->operStatusChange().time()); });
+   // Clears change no counter here; the time of the last tells dashboards
+   // what an operator's counts start from.
+   std::map<std::string, double> cleared;
+   for (auto const & r : rows) {
+      Smash::Interface::IntfCounter s;
+      if (r.d && snapshots && snapshots->counterSnapshotFind(r.d->intf, &s)) cleared[r.intf] = s.rates().statsUpdateTime();
+   }
+   family("intf_counters_last_clear_timestamp_seconds", "gauge",
+          "When an operator last cleared the interface's counters (seconds since the epoch); the counters here "
+          "stay absolute.",
+          [&](Row const & r) { return cleared.count(r.intf) > 0; }, [&](Row const & r) { return cleared[r.intf]; });
    return m.text();
 }
 

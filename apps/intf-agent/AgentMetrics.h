@@ -10,11 +10,16 @@
 #include "ConfigMount.h"
 #include "HostDevice.h"
 
+#include <Intf/SmashIntf.h>
+
 #include <string>
 
 namespace IntfApp {
 
-// `config` (may be null) names the configured interfaces.
-std::string metricsText(HostNamespaces const & namespaces, ConfigMount const * config);
+// `config` (may be null) names the configured interfaces; `snapshots` (may
+// be null) holds the times of clears. Counters stay absolute: a clear
+// only adds its time.
+std::string metricsText(HostNamespaces const & namespaces, ConfigMount const * config,
+                        Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir const> const & snapshots = nullptr);
 
 } // namespace IntfApp

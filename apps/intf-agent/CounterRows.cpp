@@ -1,6 +1,7 @@
 // The agent's counter table; see CounterRows.h.
 #include "CounterRows.h"
 
+#include "CounterClear.h"
 #include "Paths.h"
 
 #include <chrono>
@@ -21,6 +22,12 @@ CounterRows::CounterRows(ConfigMount const * config) : config_(config) {
    table_ = Kel::makePtr<Smash::Interface::AllIntfCounterDir>(Kel::Name("counter"));
    table_->tablePathIs(agentCounterTablePath);  // so that the table's name travels with its prefix
    table_->counterOpen(Smash::Role::writer);
+   snapshots_ = Kel::makePtr<Smash::Interface::AllIntfCounterSnapshotDir>(Kel::Name("snapshot"));
+   snapshots_->tablePathIs(agentSnapshotTablePath);
+   // Made (or taken over) and handed back at once: clears write it. A
+   // clear that holds it now shows that it is there.
+   std::string why = IntfApp::dropBaselines(*snapshots_, {});
+   if (!why.empty() && why.find("already has a writer") == std::string::npos) throw Smash::Error(why);
 }
 
 Interface::LoadInterval CounterRows::loadInterval(Zenet::IntfId id) const {
@@ -38,10 +45,12 @@ void CounterRows::fold(HostNamespace & n) {
       d.fresh = false;
       Interface::LoadInterval li = loadInterval(d.intf);
       Smash::Interface::IntfCounter row;
-      if (!d.counters.primed && table_->counterFind(d.intf, &row)) {
+      if (!d.counters.primed) {
          // An earlier run's row: rates go on from it within one load interval.
          double window = double(li.useDefault() ? global.val() : li.val());
-         resumeFrom(d.counters, row.statistics(), row.rates(), now, window);
+         if (!table_->counterFind(d.intf, &row) || !resumeFrom(d.counters, row.statistics(), row.rates(), now, window)) {
+            remade_.emplace_back(d.intf, now);  // totals start again from the kernel's
+         }
       }
       foldSample(d.counters, d.latest, now, li, global);
       row = Smash::Interface::IntfCounter();
@@ -51,6 +60,18 @@ void CounterRows::fold(HostNamespace & n) {
       table_->counterIs(row);
    }
    table_->counterCommit();
+   dropBaselines();
+}
+
+void CounterRows::dropBaselines() {
+   // Only baselines taken before the row was made again; most rows have none.
+   std::erase_if(remade_, [&](auto const & r) {
+      Smash::Interface::IntfCounter s;
+      return !snapshots_->counterSnapshotFind(r.first, &s) || s.statistics().lastUpdate() == 0 ||
+             s.statistics().lastUpdate() >= r.second;
+   });
+   // Marked ones are passed over at the next round; while a clear holds the table, it tries again.
+   if (!remade_.empty()) IntfApp::dropBaselines(*snapshots_, remade_);
 }
 
 // Not before every namespace has been read, so that no device is taken for gone.

@@ -13,18 +13,23 @@
 
 #include <Intf/SmashIntf.h>
 
+#include <utility>
+#include <vector>
+
 namespace IntfApp {
 
 class CounterRows {
  public:
    // Opens the table as its writer (attaching to the table of an earlier
-   // run, which the table engine repairs): throws Smash::Error when another
-   // writer holds it. `config` (may be null) gives the load intervals.
+   // run, which the table engine repairs), and makes the snapshot table
+   // unless it is there: throws Smash::Error when another writer holds the
+   // counter table or either cannot be trusted. `config` (may be null) gives the load intervals.
    explicit CounterRows(ConfigMount const * config);
    CounterRows(CounterRows const &) = delete;
    CounterRows & operator=(CounterRows const &) = delete;
 
    Kel::Ptr<Smash::Interface::AllIntfCounterDir> const & table() const { return table_; }
+   Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> const & snapshots() const { return snapshots_; }
    // Folds the fresh statistics of n's modelled devices into their rows, and commits.
    void fold(HostNamespace & n);
    void remove(Zenet::IntfId id) { table_->counterDel(id); }
@@ -35,9 +40,14 @@ class CounterRows {
 
  private:
    Interface::LoadInterval loadInterval(Zenet::IntfId id) const;
+   void dropBaselines();
 
    ConfigMount const * config_;
    Kel::Ptr<Smash::Interface::AllIntfCounterDir> table_;
+   Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> snapshots_;
+   // Rows made again from the kernel's counters, and when: their baselines
+   // are still to be marked dropped.
+   std::vector<std::pair<Zenet::IntfId, double>> remade_;
    bool swept_ = false;
 };
 

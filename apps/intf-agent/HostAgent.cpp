@@ -27,7 +27,7 @@ KernelDevice kernelDevice(std::string const & ns, LinkInfo const & info) {
 
 HostAgent::HostAgent(Kel::ActivityLoop & loop, std::string netNsDir, ConfigFile const & deviceConfig,
                      ConfigMount const * config)
-      : config_(config), deviceMap_(deviceConfig), counters_(config), tree_(counters_.table(), config), applier_(config),
+      : config_(config), deviceMap_(deviceConfig), counters_(config), tree_(counters_.table(), counters_.snapshots(), config), applier_(config),
         discovery_(loop, std::move(netNsDir), *this) {}
 
 void HostAgent::settle() {
@@ -35,7 +35,7 @@ void HostAgent::settle() {
    applier_.apply(discovery_.namespaces());
 }
 
-std::string HostAgent::metricsText() const { return IntfApp::metricsText(discovery_.namespaces(), config_); }
+std::string HostAgent::metricsText() const { return IntfApp::metricsText(discovery_.namespaces(), config_, counters_.snapshots()); }
 
 // ---- mapping ---------------------------------------------------------------------------
 

@@ -27,7 +27,8 @@ IntfOperStatus operOf(uint32_t flags) {
 
 } // namespace
 
-ServedTree::ServedTree(Kel::Ptr<Smash::Interface::AllIntfCounterDir> counters, ConfigMount const * config)
+ServedTree::ServedTree(Kel::Ptr<Smash::Interface::AllIntfCounterDir> counters,
+                       Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> snapshots, ConfigMount const * config)
       : config_(config) {
    root_ = Kel::makePtr<Kel::Dir>(Kel::Name("agent"));
    auto status = root_->mkdir("interface/status");
@@ -42,7 +43,9 @@ ServedTree::ServedTree(Kel::Ptr<Smash::Interface::AllIntfCounterDir> counters, C
 
    counterDir_ = Kel::makePtr<Interface::SmashIntfCounterDirDir>(Kel::Name("intf"));
    counterDir_->tableIs(counters);
-   root_->mkdir("interface/counter/eth")->entryIs(counterDir_);
+   auto eth = root_->mkdir("interface/counter/eth");
+   eth->entryIs(counterDir_);
+   eth->entryIs(snapshots);
 }
 
 void ServedTree::add(HostNamespace const & n, HostDevice & d) {

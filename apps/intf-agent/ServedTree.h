@@ -18,6 +18,10 @@
 //   interface/counter/eth/intf  Interface::SmashIntfCounterDirDir over the
 //                               agent's counter table (CounterRows.h), one
 //                               row per interface
+//   interface/counter/eth/snapshot
+//                               Smash::Interface::AllIntfCounterSnapshotDir
+//                               over the table of cleared counters'
+//                               baselines (CounterClear.h)
 //
 // so a reader that mounts the tree finds an interface's live counters with
 // status->counter() (the general look-up goes three levels up from the
@@ -41,9 +45,11 @@ namespace IntfApp {
 
 class ServedTree {
  public:
-   // `counters` is the table the counter directory reads; `config` (may be
-   // null) says whether link status changes are logged.
-   ServedTree(Kel::Ptr<Smash::Interface::AllIntfCounterDir> counters, ConfigMount const * config);
+   // `counters` is the table the counter directory reads, `snapshots` the
+   // baselines of clears; `config` (may be null) says whether link status
+   // changes are logged.
+   ServedTree(Kel::Ptr<Smash::Interface::AllIntfCounterDir> counters,
+              Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> snapshots, ConfigMount const * config);
    ServedTree(ServedTree const &) = delete;
    ServedTree & operator=(ServedTree const &) = delete;
 

@@ -65,7 +65,13 @@ int64_t monotonicToWallNs() {
    return std::chrono::duration_cast<std::chrono::nanoseconds>(wall - mono).count();
 }
 
-bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out) {
+Clears snapshotDir(Kel::Ptr<Kel::Entity> const & agentRoot) {
+   if (!agentRoot) return nullptr;
+   auto dir = agentRoot->entity(snapshotDirPath);
+   return Clears(dynamic_cast<Smash::Interface::AllIntfCounterSnapshotDir const *>(dir.ptr()));
+}
+
+bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out, Clears const & clears) {
    if (!row || !row->counterDir()) return false;
    Smash::RowBuffer<Smash::Interface::IntfCounter> b;
    if (!row->counterDir()->counterFind(row->intfId(), b.slot())) return false;
@@ -86,6 +92,12 @@ bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out)
    if (s.outDiscards().hasValue()) set(Leaf::outDiscards, s.outDiscards().value());
    set(Leaf::outErrors, s.outErrors());
    out->present &= givenCounters;
+   Smash::RowBuffer<Smash::Interface::IntfCounter> cleared;
+   if (clears && clears->counterSnapshotFind(row->intfId(), cleared.slot())) {
+      // Whole seconds apart from their fraction: a product would round away nanoseconds.
+      double t = cleared.row().rates().statsUpdateTime(), whole = std::floor(t);
+      set(Leaf::lastClear, uint64_t(whole) * 1000000000u + uint64_t(std::llround((t - whole) * 1e9)));
+   }
    out->sampledNs = int64_t(std::llround(s.lastUpdate() * 1e9)) + clockOffsetNs;
    return true;
 }

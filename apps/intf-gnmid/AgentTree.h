@@ -1,8 +1,8 @@
 // Everything intf-gnmid knows about the trees it mounts, in one place: the
 // host agent's status directory and counter look-up, the configuration
-// agent's directories, and which counters the agent's source (the kernel)
-// gives. When the agents serve other types or paths, or counters gain a
-// "cleared" baseline, this file is what changes.
+// agent's directories, which counters the agent's source (the kernel)
+// gives, and where the agent keeps the times of clears. When the agents
+// serve other types or paths, this file is what changes.
 #pragma once
 
 #include "Schema.h"
@@ -21,6 +21,7 @@ namespace Gnmi::AgentTree {
 // collection is below it. The configuration agent's tree likewise.
 constexpr char statusDirPath[] = "interface/status/eth/intf";
 constexpr char configDirPath[] = "intf";
+constexpr char snapshotDirPath[] = "interface/counter/eth/snapshot";
 
 // The status directory in a mounted agent tree, or null.
 Kel::Ptr<Kel::Entity> statusDir(Kel::Ptr<Kel::Entity> const & agentRoot);
@@ -51,13 +52,19 @@ struct Counters {
 };
 // False when the row cannot be read (no row, or unavailable for now).
 // `clockOffsetNs` is monotonicToWallNs() of the pass.
-bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out);
+// With `clears` (the agent's table of clears, snapshotDir()), last-clear is
+// the time of the interface's last clear when it has one; the counters
+// themselves stay absolute.
+using Clears = Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir const>;
+bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out, Clears const & clears = nullptr);
+// The agent's table of clears in a mounted agent tree, or null.
+Clears snapshotDir(Kel::Ptr<Kel::Entity> const & agentRoot);
 
 // The counter leaves the host agent's source gives: the kernel counts no
 // broadcasts and does not tell outgoing unicast from multicast; the model
 // holds no carrier transition count (its count of oper changes starts
-// again with the agent, which a counter must not); counters are never
-// cleared, so no last-clear until a cleared baseline exists.
+// again with the agent, which a counter must not); last-clear only of an
+// interface that was cleared.
 constexpr LeafSet givenCounters = counterLeaves & ~(bit(Leaf::inBroadcastPkts) | bit(Leaf::outUnicastPkts) |
                                                    bit(Leaf::outBroadcastPkts) | bit(Leaf::outMulticastPkts) |
                                                    bit(Leaf::carrierTransitions) | bit(Leaf::lastClear));

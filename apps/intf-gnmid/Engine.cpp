@@ -103,6 +103,7 @@ void Engine::mounted() {
       });
    };
    statusDir_ = AgentTree::statusDir(agent_.root());
+   clears_ = AgentTree::snapshotDir(agent_.root());
    statusDirHear_ = dirHear(AgentTree::statusCollectionId());
    statusDirHear_->notifierIs(statusDir_);
    configDir_ = config_ ? AgentTree::configDir(config_->root()) : nullptr;
@@ -286,7 +287,7 @@ std::vector<Frame> Engine::frames(Pass const & p, Sampler * suppressing) {
       if (countersWanted) {
          if (!in.row) in.row = AgentTree::counterRow(*in.status);  // its first row may come later
          AgentTree::Counters c;
-         if (AgentTree::readCounters(in.row, offset, &c)) {
+         if (AgentTree::readCounters(in.row, offset, &c, clears_)) {
             std::string & u = bucket(c.sampledNs);
             LeafSet have = c.present & countersWanted;
             for (unsigned i = 0; i < counterCount; ++i) {
@@ -381,7 +382,7 @@ Status Engine::get(gnmi::GetRequest const & req, std::string * response) {
          if (leaves & counterLeaves) {
             AgentTree::CounterRow row = in->row ? in->row : AgentTree::counterRow(*in->status);
             AgentTree::Counters c;
-            if (AgentTree::readCounters(row, AgentTree::monotonicToWallNs(), &c)) setCounters(values.back(), c);
+            if (AgentTree::readCounters(row, AgentTree::monotonicToWallNs(), &c, clears_)) setCounters(values.back(), c);
          }
       }
       if (*enc != Enc::proto && (q.node == Node::root || q.node == Node::interfaces)) {

@@ -158,6 +158,7 @@ class Engine {
    Kel::NboAttrLog::Client agent_;
    std::unique_ptr<Kel::NboAttrLog::Client> config_;
    Kel::Ptr<Kel::Entity> statusDir_, configDir_;
+   AgentTree::Clears clears_;
    Kel::Ptr<Hear> statusDirHear_, configDirHear_;
    bool remount_ = false;
    std::set<Zenet::IntfId> dirty_;

@@ -1,6 +1,7 @@
 // intf-show: the operator's view of the interfaces the host agent models.
 //
 //   intf-show [options] status | counters | rates | interface NAME
+//   intf-show [options] clear counters [NAME ...]
 //
 // It mounts the agent's tree once and reads counters straight from shared
 // memory: status->counter() finds each interface's row of the agent's
@@ -8,7 +9,12 @@
 // goes to the agent per read. The configuration agent's tree, when it
 // answers, adds descriptions, configured admin states, load intervals and
 // the interfaces configured for devices that do not exist.
+//
+// Counts are since the last clear (CounterClear.h): a clear records the
+// live counters as baselines in the agent's snapshot table, which every
+// reader shares; the live counters are never written.
 #include "CommandLine.h"
+#include "CounterClear.h"
 #include "IntfNameInput.h"
 #include "Paths.h"
 #include "ShowFormat.h"
@@ -40,8 +46,10 @@ volatile std::sig_atomic_t interrupted = 0;
 
 IntfApp::CommandLine commandLine() {
    return IntfApp::CommandLine(
-         "intf-show", "[options] status | counters | rates | interface NAME",
+         "intf-show", "[options] status | counters | rates | interface NAME | clear counters [NAME ...]",
          "Shows the interfaces intf-agent models: their state, counters and rates.\n"
+         "Counters count from their last clear; \"clear counters\" clears those of\n"
+         "the interfaces named, or of all.\n"
          "NAME is an interface's name (Ethernet4), a short form of it (Et4) or the\n"
          "kernel device that carries it (eth0, or NAMESPACE/DEVICE).",
          {
@@ -52,9 +60,10 @@ IntfApp::CommandLine commandLine() {
              false, true},
             {"--json", "", "one JSON document per command (and per line with --watch),\nwith a \"version\" field"},
             {"--watch", "SECONDS", "show again every SECONDS until interrupted"},
+            {"--raw", "", "absolute counters rather than since the last clear"},
             {"--shm-prefix", "PREFIX", "the host agent's shared-memory prefix (default \"" + Smash::shmPrefix() + "\")"},
          },
-         "Exit status: 0 shown, 1 no agent or no such interface, 2 bad arguments.");
+         "Exit status: 0 shown (or cleared), 1 no agent, no such interface or nothing\ncleared, 2 bad arguments.");
 }
 
 // A mounted tree, or why there is none.
@@ -96,10 +105,18 @@ std::optional<bool> configuredAdmin(Interface::IntfConfig const & c) {
    return st == Interface::IntfEnabledState::enabled;
 }
 
-std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::Ptr<Kel::Entity> const & config) {
+// The agent's table of clears, as its tree names it.
+Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir> snapshots(Kel::Ptr<Kel::Entity> const & agent) {
+   return at<Smash::Interface::AllIntfCounterSnapshotDir>(agent, "interface/counter/eth/snapshot");
+}
+
+// `raw`: the absolute counters, else counts since the last clear.
+std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::Ptr<Kel::Entity> const & config,
+                                     bool raw) {
    std::vector<IntfApp::IntfView> rows;
    auto statuses = at<Interface::AgentIntfStatusDir>(agent, "interface/status/eth/intf");
    if (!statuses) return rows;
+   Kel::Ptr<Smash::Interface::AllIntfCounterSnapshotDir const> clears = snapshots(agent);
    auto locals = at<Interface::AllIntfStatusLocalDir>(agent, "interface/status/local");
    auto configs = at<Interface::AllIntfConfigDir>(config, "intf");
    auto namespaces = at<Interface::AllIntfNamespaceConfigDir>(config, "namespace");
@@ -140,6 +157,12 @@ std::vector<IntfApp::IntfView> views(Kel::Ptr<Kel::Entity> const & agent, Kel::P
             v.rates = c->rates();
          }
          v.unmeasured = IntfApp::kernelUnmeasured;
+         if (!raw) {
+            Smash::Interface::IntfCounter snapshot;
+            IntfApp::ClearState clear;
+            v.stats = IntfApp::sinceClear(v.stats, IntfApp::snapshotOf(clears, v.intfId, &snapshot), &clear);
+            v.clear = clear;
+         }
       }
       rows.push_back(std::move(v));
    }
@@ -171,8 +194,47 @@ std::string render(std::string const & command, std::string const & name, bool j
    }
    if (json) return IntfApp::toJson(command, std::move(rows));
    if (command == "status") return IntfApp::statusTable(std::move(rows));
-   if (command == "counters") return IntfApp::countersTable(std::move(rows));
+   if (command == "counters") return IntfApp::countersTable(std::move(rows), double(std::time(nullptr)));
    return IntfApp::ratesTable(std::move(rows));
+}
+
+double wallNow() {
+   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// Clears the counters of the interfaces `names` names (all when none): every
+// name is resolved before anything is written. "" or why nothing was.
+std::string clear(Kel::Ptr<Kel::Entity> const & agent, std::vector<std::string> const & names, std::string * done) {
+   auto table = snapshots(agent);
+   if (!table) return "the agent keeps no cleared counters (interface/counter/eth/snapshot)";
+   std::vector<IntfApp::IntfView> rows = views(agent, nullptr, true);
+   std::vector<IntfApp::IntfView const *> chosen;
+   for (auto const & n : names) {
+      std::string why;
+      int i = IntfApp::findInterface(rows, n, &why);
+      if (i < 0) return why;
+      chosen.push_back(&rows[size_t(i)]);
+   }
+   if (names.empty()) {
+      for (auto const & v : rows) chosen.push_back(&v);
+   }
+   std::vector<Smash::Interface::IntfCounter> live;
+   for (auto const * v : chosen) {
+      if (v->countersStale) return v->intfId.stringValue().str() + ": its counters cannot be read just now";
+      if (!v->hasCounters) {
+         if (names.empty()) continue;
+         return v->intfId.stringValue().str() + " has no counters";
+      }
+      Smash::Interface::IntfCounter row;
+      row.keyIs(v->intfId);
+      row.statisticsIs(v->stats);
+      live.push_back(row);
+   }
+   std::string why = IntfApp::clearCounters(*table, live, wallNow(), 2000);
+   if (!why.empty()) return why;
+   *done = "Cleared the counters of " + (live.size() == 1 ? live[0].key().stringValue().str()
+                                                          : std::to_string(live.size()) + " interfaces");
+   return "";
 }
 
 } // namespace
@@ -182,8 +244,12 @@ int main(int argc, char ** argv) {
    if (int status = cl.parse(argc, argv)) return status < 0 ? 0 : status;
    auto const & words = cl.words();
    std::string command = words.empty() ? "" : words[0];
+   if (command == "clear" && (words.size() < 2 || words[1] != "counters")) {
+      cl.usage(stderr);
+      return cl.bad("clear takes \"counters\" and interface names");
+   }
    bool known = command == "status" || command == "counters" || command == "rates" || command == "interface";
-   if (!known || (command == "interface") != (words.size() == 2) || words.size() > 2) {
+   if (command != "clear" && (!known || (command == "interface") != (words.size() == 2) || words.size() > 2)) {
       cl.usage(stderr);
       return cl.bad(!known ? (command.empty() ? "no command" : "unknown command \"" + command + "\"")
                            : command == "interface" ? "interface takes one name"
@@ -218,6 +284,16 @@ int main(int argc, char ** argv) {
                 << advice(agent) << "\n";
       return 1;
    }
+   if (command == "clear") {
+      std::string done;
+      std::string why = clear(agent.client.root(), std::vector<std::string>(words.begin() + 2, words.end()), &done);
+      if (!why.empty()) {
+         std::cerr << "intf-show: clear counters: " << why << "; nothing cleared\n";
+         return 1;
+      }
+      std::cout << done << "\n";
+      return 0;
+   }
    std::unique_ptr<Mount> config;
    if (!configSocket.empty()) {
       config = std::make_unique<Mount>(loop, configSocket, 500);
@@ -228,7 +304,7 @@ int main(int argc, char ** argv) {
    for (;;) {
       std::string error;
       std::string out = render(command, words.size() == 2 ? words[1] : "", json,
-                               views(agent.client.root(), config ? config->client.root() : nullptr), &error);
+                               views(agent.client.root(), config ? config->client.root() : nullptr, cl.has("--raw")), &error);
       if (!error.empty()) {
          std::cerr << "intf-show: " << error << "\n";
          return 1;

@@ -173,7 +173,10 @@ TEST(GnmiCounters, ACounterNotReadIsAbsentNeverZero) {
 
    Smash::shmPrefixIs("/intf-gnmitest-" + std::to_string(::getpid()) + "-");
    struct Remove {
-      ~Remove() { Smash::removeTable("counters"); }
+      ~Remove() {
+         Smash::removeTable("counters");
+         Smash::removeTable("clears");
+      }
    } remove;
    auto table = Kel::makePtr<Smash::Interface::AllIntfCounterDir>(Kel::Name("counter"));
    table->counterOpen(Smash::Role::writer, "counters");
@@ -202,4 +205,13 @@ TEST(GnmiCounters, ACounterNotReadIsAbsentNeverZero) {
                   Leaf::lastClear}) {
       EXPECT_FALSE(c.present & bit(l)) << leafInfo(l).name;
    }
+   // Cleared: the time of the clear in nanoseconds, the counters still absolute.
+   auto clears = Kel::makePtr<Smash::Interface::AllIntfCounterSnapshotDir>(Kel::Name("snapshot"));
+   clears->counterSnapshotOpen(Smash::Role::writer, "clears");
+   Interface::IntfRates when;
+   when.statsUpdateTimeIs(1700000000.25);
+   row.ratesIs(when);
+   clears->counterSnapshotIs(row);
+   ASSERT_TRUE(AgentTree::readCounters(one, 1000, &c, clears));
+   EXPECT_TRUE((c.present & bit(Leaf::lastClear)) && at(Leaf::lastClear) == 1700000000250000000u && at(Leaf::inOctets) == 5000u);
 }
