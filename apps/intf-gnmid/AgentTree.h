@@ -60,12 +60,13 @@ bool readCounters(CounterRow const & row, int64_t clockOffsetNs, Counters * out,
 // The agent's table of clears in a mounted agent tree, or null.
 Clears snapshotDir(Kel::Ptr<Kel::Entity> const & agentRoot);
 
-// The counter leaves the host agent's source gives: the kernel counts no
-// broadcasts and does not tell outgoing unicast from multicast; the model
+// The counter leaves the host agent's source gives: the kernel tells
+// neither unicast from broadcast nor outgoing multicast apart (the row's
+// unicast counts hold broadcasts too, so they are not given either); the model
 // holds no carrier transition count (its count of oper changes starts
 // again with the agent, which a counter must not); last-clear only of an
 // interface that was cleared.
-constexpr LeafSet givenCounters = counterLeaves & ~(bit(Leaf::inBroadcastPkts) | bit(Leaf::outUnicastPkts) |
+constexpr LeafSet givenCounters = counterLeaves & ~(bit(Leaf::inUnicastPkts) | bit(Leaf::inBroadcastPkts) | bit(Leaf::outUnicastPkts) |
                                                    bit(Leaf::outBroadcastPkts) | bit(Leaf::outMulticastPkts) |
                                                    bit(Leaf::carrierTransitions) | bit(Leaf::lastClear));
 

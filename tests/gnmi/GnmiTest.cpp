@@ -201,7 +201,7 @@ TEST(GnmiCounters, ACounterNotReadIsAbsentNeverZero) {
    EXPECT_EQ(c.sampledNs, 10500001000);
    EXPECT_TRUE(c.present & bit(Leaf::outDiscards));
    // Absent in the row, or not counted by the kernel: absent here.
-   for (Leaf l : {Leaf::outOctets, Leaf::inBroadcastPkts, Leaf::outUnicastPkts, Leaf::carrierTransitions,
+   for (Leaf l : {Leaf::outOctets, Leaf::inUnicastPkts, Leaf::inBroadcastPkts, Leaf::outUnicastPkts, Leaf::carrierTransitions,
                   Leaf::lastClear}) {
       EXPECT_FALSE(c.present & bit(l)) << leafInfo(l).name;
    }
