@@ -84,6 +84,7 @@ TEST(EndToEnd, TrafficMtuLinkDownAndARestartAreSeenThroughTheShowCommand) {
       ~RemoveTables() {
          Smash::shmPrefixIs(prefix);
          Smash::removeTable("interface/counter/eth/intf");
+         Smash::removeTable("interface/counter/eth/snapshot");
       }
    } removeTables{prefix};
    std::string cfg = dir.path + "/intf.conf", configSock = dir.path + "/config.sock",

@@ -30,7 +30,7 @@ namespace Gnmi {
 constexpr char moduleName[] = "openconfig-interfaces";
 constexpr char modulePrefix[] = "openconfig-interfaces:";
 // The module's revision served (its OpenConfig version is 3.5.0), and the
-// version of the gNMI specification followed.
+// version of the gNMI protocol followed.
 constexpr char modelRevision[] = "2023-07-14";
 constexpr char gnmiVersion[] = "0.10.0";
 
