@@ -39,12 +39,15 @@ describe('intf-gnmid with the agents on a namespace', { skip }, () => {
   before(async () => {
     w = await c.world(procs);
     cl = c.client(w.address);
+    // Counters come with the device, the configured MTU once the agent has
+    // the configuration: both before the tests look.
     await c.until(async () => {
       try {
         await c.call(cl, 'Get', { path: [c.p(`${lo}/state/counters/in-octets`)], encoding: 'PROTO' });
-        return true;
+        const g = await c.call(cl, 'Get', { path: [c.p(`${lo}/state/mtu`)], encoding: 'PROTO' });
+        return c.value(g.notification[0].update[0].val) === 16000n;
       } catch (e) { return false; }
-    }, 10000, 'Loopback7 with counters');
+    }, 10000, 'Loopback7 with counters and its configured MTU');
   });
   after(() => procs.cleanup());
 
