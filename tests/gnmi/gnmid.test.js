@@ -376,9 +376,12 @@ describe('intf-gnmid over TLS', { skip }, () => {
       assert.deepStrictEqual(await g.exited, { code: 2, sig: null }, args.join(' '));
       assert.match(g.err, message);
     }
-    const bad = procs.start(c.bin('intf-gnmid'), ['--listen', '127.0.0.1:0', '--tls-cert', path.join(dir, 'missing.pem'),
-      '--tls-key', path.join(dir, 'server.key'), '--socket', path.join(dir, 'none.sock')]);
-    assert.deepStrictEqual(await bad.exited, { code: 1, sig: null });
-    assert.match(bad.err, /cannot read .*missing.pem/);
+    // A certificate or a key that cannot be read: said, and no server.
+    for (const [cert, key] of [['missing.pem', 'server.key'], ['server.pem', 'missing.key']]) {
+      const bad = procs.start(c.bin('intf-gnmid'), ['--listen', '127.0.0.1:0', '--tls-cert', path.join(dir, cert),
+        '--tls-key', path.join(dir, key), '--socket', path.join(dir, 'none.sock')]);
+      assert.deepStrictEqual(await bad.exited, { code: 1, sig: null });
+      assert.match(bad.err, /cannot read .*missing\.(pem|key)/);
+    }
   });
 });
