@@ -16,7 +16,7 @@ namespace Interface {
 Kel::Ptr<Smash::Interface::AllIntfCounterDir> SmashIntfCounterDirDir::table() const {
    // A replica opens the table its owner names, once the name has arrived.
    if (tablePath_.view().empty()) return table_;
-   if (!table_ || openedPath_ != tablePath_.str()) {
+   if (openedPath_ != tablePath_.str()) {
       auto t = Kel::makePtr<Smash::Interface::AllIntfCounterDir>(Kel::Name("counter"));
       t->counterOpen(Smash::Role::reader, tablePath_.str());
       table_ = t;

@@ -358,6 +358,25 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    EXPECT_EQ(none.error, "the server closed the connection: no entity at interface/nothing: interface holds counter, "
                          "status");
 
+   // A server that takes the request and closes without an answer has gone
+   // away, which is said as such rather than waited out as silence.
+   std::string mute = name + "-mute";
+   int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+   sockaddr_un a{};
+   a.sun_family = AF_UNIX;
+   std::memcpy(a.sun_path + 1, mute.data() + 1, mute.size() - 1);
+   ASSERT_EQ(::bind(l, reinterpret_cast<sockaddr *>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + mute.size())), 0);
+   ASSERT_EQ(::listen(l, 1), 0);
+   Kel::String8 muteError;
+   std::thread asker([&] { Kel::NboAttrLog::listServed(mute, Kel::String8(""), 1, &muteError); });
+   int c = ::accept(l, nullptr, nullptr);
+   char request[64];
+   EXPECT_GT(::recv(c, request, sizeof request, 0), 0);
+   ::close(c);
+   asker.join();
+   ::close(l);
+   EXPECT_EQ(muteError, "the server at " + mute + " went away");
+
    // Answers as they arrive: a part waits for the rest, a bad one is refused.
    std::string answer("\0\0\0\x16\x0c\0\0\0\x01\0\0\0\0\0\0\0\x08Kel::Dir\x01", 26);
    struct Case {

@@ -19,6 +19,9 @@ Value number(uint64_t n) {
    v.number = n;
    return v;
 }
+// The model's mtu leaves are 16 bits wide: a larger MTU (a loopback's
+// 65536) has no true value there, so the leaf is left out, never clipped.
+Value mtu(uint32_t n) { return n <= 0xffff ? number(n) : Value(); }
 Value boolean(bool b) {
    Value v;
    v.kind = Value::Kind::boolean;
@@ -64,12 +67,12 @@ IntfValues stateValues(Zenet::IntfId id, Interface::IntfStatus const & status, I
    v.name = id.stringValue().str();
    v[Leaf::name] = v[Leaf::configName] = v[Leaf::stateName] = text(v.name);
    v[Leaf::stateType] = text(interfaceType(id));
-   v[Leaf::stateMtu] = number(status.mtu());
+   v[Leaf::stateMtu] = mtu(status.mtu());
    v[Leaf::operStatus] = text(operName(status.operStatus()));
    double changed = status.operStatusChange().time();
    if (changed > 0) v[Leaf::lastChange] = number(uint64_t(changed * 1e9));
    if (config) {
-      v[Leaf::configMtu] = number(config->mtu());
+      v[Leaf::configMtu] = mtu(config->mtu());
       if (!config->description().view().empty()) {
          v[Leaf::configDescription] = v[Leaf::stateDescription] = text(config->description().str());
       }

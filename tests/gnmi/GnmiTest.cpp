@@ -140,6 +140,16 @@ TEST(GnmiValues, TypesAndJsonFollowTheModel) {
                 v[Leaf::stateEnabled].present() || v[Leaf::lastChange].present());
    EXPECT_EQ(jsonScalar(Leaf::operStatus, v[Leaf::operStatus]), "\"LOWER_LAYER_DOWN\"");
    EXPECT_EQ(jsonScalar(Leaf::stateMtu, v[Leaf::stateMtu]), "9000");
+   // The leaves are 16 bits wide: the largest MTU fits, a larger one is left out.
+   for (uint32_t m : {65535u, 65536u}) {
+      status.mtuIs(m);
+      auto big = Interface::intfConfigFactory(Zenet::IntfId("Ethernet2"));
+      big->mtuIs(m);
+      IntfValues w = stateValues(Zenet::IntfId("Ethernet2"), status, big.ptr());
+      EXPECT_EQ(w[Leaf::stateMtu].present(), m == 65535u) << m;
+      EXPECT_EQ(w[Leaf::configMtu].present(), m == 65535u) << m;
+   }
+   status.mtuIs(9000);
 
    auto cfg = Interface::intfConfigFactory(Zenet::IntfId("Ethernet2"));
    cfg->descriptionIs("to \"core\"");
