@@ -16,6 +16,7 @@
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +28,22 @@
 #include <vector>
 
 namespace IntfTest {
+
+// Makes the calling child die with the test that forked it, so that a test
+// killed outright (a crash, a time-out) leaves no process behind. Called
+// after any change of user, which clears the setting.
+inline void dieWithParent(pid_t parent) {
+   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+   if (::getppid() != parent) ::_exit(125);  // it died before the line above
+}
+
+// fork(), with the child dying with its parent.
+inline pid_t forkChild() {
+   pid_t parent = ::getpid();
+   pid_t pid = ::fork();
+   if (pid == 0) dieWithParent(parent);
+   return pid;
+}
 
 struct TempDir {
    TempDir() {
@@ -69,6 +86,7 @@ struct Child {
          ::close(out[1]);
          return;
       }
+      pid_t parent = ::getpid();
       pid = ::fork();
       if (pid == 0) {
          ::dup2(out[1], 1);
@@ -77,6 +95,7 @@ struct Child {
                                     ::setuid(runAs) != 0 || ::geteuid() != runAs)) {
             ::_exit(126);
          }
+         dieWithParent(parent);
          std::vector<char *> argv{const_cast<char *>(program)};
          for (auto & a : args) argv.push_back(a.data());
          argv.push_back(nullptr);
@@ -134,7 +153,7 @@ struct Reap {
 
 // A forked child running `body`, which ends it with the body's result.
 inline pid_t spawn(std::function<int()> body) {
-   pid_t pid = ::fork();
+   pid_t pid = forkChild();
    if (pid == 0) ::_exit(body());
    return pid;
 }

@@ -3,6 +3,7 @@
 #include <Intf/IntfGroup.h>
 #include <Kel/Stream.h>
 
+#include "ChildProcess.h"
 #include "Pipe.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +57,7 @@ TEST(IntfGroup, GroupsReachAnotherProcessWithEachMemberChange) {
    Pipe ready, result;
    int sv[2];
    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       ::close(sv[0]);
       Kel::ActivityLoop loop;

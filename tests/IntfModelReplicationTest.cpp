@@ -5,6 +5,7 @@
 #include <Kel/Dir.h>
 #include <Kel/Stream.h>
 
+#include "ChildProcess.h"
 #include "Pipe.h"
 
 #include <gtest/gtest.h>
@@ -125,7 +126,7 @@ TEST(IntfModelReplication, AReaderProcessHearsEveryChangeOfTheConfigurationAgent
    Pipe ready, result;
    int sv[2];
    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       ::close(sv[0]);
       std::string r;

@@ -1,6 +1,7 @@
 // Kernel devices through route netlink: decoding that trusts no length, and
 // the real kernel's answers (a dump of this namespace; as root, setting a
 // device of a throwaway namespace up and hearing it).
+#include "ChildProcess.h"
 #include "LinkSocket.h"
 
 #include <gtest/gtest.h>
@@ -212,7 +213,7 @@ TEST(LinkSocket, SettingADeviceUpIsAnsweredAndHeard) {
    if (::geteuid() != 0) GTEST_SKIP() << "needs root to make a network namespace";
    int pipefd[2];
    ASSERT_EQ(::pipe(pipefd), 0);
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       ::close(pipefd[0]);
       std::string r;

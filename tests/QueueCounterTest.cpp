@@ -223,7 +223,7 @@ TEST(QueueCounter, AMountedReaderFollowsTheWritersGenerationsAndKeepsValuesAfter
    Cells cells("test/qc-procs");
    std::string sock = "@intf-test-qc-" + std::to_string(::getpid());
    Pipe toChild, fromChild;
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       Kel::ActivityLoop loop;
       auto all = cells.tree(true);

@@ -523,7 +523,7 @@ TEST(ReplicationPeers, AnInitialStateWithoutARootOfItsOwnNeverReportsSynced) {
 TEST(ReplicationPeers, AWriterDyingMidSyncTellsTheReaderAndLeavesNothingHeld) {
    Kel::registerTypes<Dir>();
    SocketPair p;
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       // Half an initial state, then killed.
       Stream s;
@@ -604,7 +604,7 @@ TEST(ReplicationPeers, ADescriptorClosedUnderItsSourceEndsTheSourceInsteadOfSpin
 }
 
 TEST(ReplicationPeers, SendingToAPipeWhoseReaderIsGoneNeverRaisesSigpipe) {
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       ::signal(SIGPIPE, SIG_DFL);  // as in a program that did not ask otherwise
       int p[2];
@@ -773,7 +773,7 @@ TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
       held.fd.push_back(s);
    }
    ASSERT_LT(held.fd.size(), 65u);
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       ::alarm(20);  // a client stuck in connect dies of this instead
       ActivityLoop loop;
@@ -792,7 +792,7 @@ TEST(ReplicationPeers, APeerArrivingWhenTheServerIsOutOfDescriptorsIsToldAndTheL
    auto tree = makeTree(2);
    std::string name = "intf-peers-nofd-" + std::to_string(::getpid());
    Pipe result;
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       rlimit lim{256, 256};
       ::setrlimit(RLIMIT_NOFILE, &lim);

@@ -1,6 +1,7 @@
 // Replication between two real processes over a Unix socket: the writer
 // serves a tree, the reader (a forked child) mounts it and reports what its
 // reactors saw through a pipe.
+#include "ChildProcess.h"
 #include "TestTypes.h"
 
 #include <Intf/IntfStatusDir.h>
@@ -55,7 +56,7 @@ struct Peer {
    explicit Peer(std::function<std::string(int fd, Pipe & ready, Pipe & go)> reader) {
       registerTestTypes();
       EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-      pid = ::fork();
+      pid = IntfTest::forkChild();
       if (pid == 0) {
          ::close(sv[0]);
          std::string r;

@@ -34,7 +34,7 @@ namespace {
 
 // A configuration agent serving Ethernet1..N, in its own process.
 pid_t serve(std::string const & path, int intfs, Pipe & ready) {
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       auto dir = Kel::makePtr<Interface::AllIntfConfigDir>(Kel::Name("config"));
       for (int i = 1; i <= intfs; ++i) {
@@ -170,7 +170,7 @@ namespace {
 // Runs `body` in a child process as the user nobody (with `groups` as its
 // supplementary groups); what the body returns is sent back on `out`.
 pid_t asNobody(Pipe & out, std::function<std::string()> body, std::vector<gid_t> groups = {}) {
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       if (::setgroups(groups.size(), groups.data()) != 0 || ::setgid(65534) != 0 || ::setuid(65534) != 0) {
          out.send("cannot become nobody");

@@ -125,9 +125,8 @@ TEST(ShmemMan, ManyCellsFitAndEveryProcessFindsTheSameOnes) {
       __atomic_store_n(reinterpret_cast<uint64_t *>(uintptr_t(a) + 8), uint64_t(i) + 1, __ATOMIC_RELAXED);
    }
    EXPECT_EQ(addrs.size(), cells);
-   EXPECT_EQ(w.cells(), cells);
    w.shmemGenIdIs("Ethernet7-q", 208, 42);
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       Mavo::ShmemMan r(m.path, false);
       for (uint32_t i = 0; i < cells; ++i) {

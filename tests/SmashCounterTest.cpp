@@ -232,7 +232,7 @@ TEST(SmashCounter, AReaderProcessFindsTableCountersFromTheirStatusesAndKeepsTheL
    Kel::registerTypes<ProcStatusDir>();
    std::string sock = "@intf-test-smash-" + std::to_string(::getpid());
    Pipe fromChild;
-   pid_t pid = ::fork();
+   pid_t pid = IntfTest::forkChild();
    if (pid == 0) {
       Kel::ActivityLoop loop;
       auto root = Kel::makePtr<Kel::Dir>("w");

@@ -551,6 +551,15 @@ TEST(SmashTable, AReaderFollowsATableRemovedAndMadeAgain) {
    Row got;
    auto value = [&](uint64_t k) { return r.find(k, &got, &hint) == Smash::Found::row ? got.value : 0; };
    EXPECT_EQ(value(1), 100u);
+   // In a process started without stdin, the reader's first object is
+   // opened on descriptor 0, which is a descriptor like any other.
+   EXPECT_EQ(exitCode(spawn([&] {
+                ::close(0);
+                R fresh(path, rowType);
+                Row r0;
+                return fresh.find(1, &r0) == Smash::Found::row && r0.value == 100 ? 0 : 1;
+             })),
+             0);
    for (bool byHand : {false, true}) {
       SCOPED_TRACE(byHand ? "deleted by hand" : "removed");
       w.reset();

@@ -49,7 +49,6 @@ void ShmemMan::remove(std::string const & path) {
    }
 }
 
-uint32_t ShmemMan::cells() const { return writer_ ? writer_->size() : 0; }
 
 uint8_t * ShmemMan::segment(uint32_t n, bool create) {
    if (n < segments_.size() && segments_[n]) return segments_[n]->base;

@@ -50,7 +50,6 @@ class ShmemMan {
    // gets 0. `who` names the caller in the level 9 traces.
    uint64_t cellFor(Kel::String8 const & key, uint32_t size, bool forRead, uint32_t * counterGenId,
                     char const * who = "Mavo::ShmemMan::cellFor");
-   uint32_t cells() const;
    std::string const & path() const { return path_; }
    bool writer() const { return writer_ != nullptr; }
    // Removes every object of the manager at `path`.
