@@ -499,6 +499,24 @@ TEST(SmashTable, AFailedWriterGivesBackEverythingAndBoundsEnd) {
    EXPECT_EQ(writerError(path), "table test/fail: cannot create " + Smash::objectName(path, "g1") + ": File exists");
    EXPECT_NE(::stat(ctl.c_str(), &st), 0) << "a control object naming no generation was left";
    ::rmdir(g1.c_str());
+   // Sizes no table can have are refused before anything is made.
+   struct Bad {
+      Smash::TableShape shape;
+      uint32_t ring, max;
+      std::string error;
+   } const bad[] = {
+      {{rowType, 0, 8}, 16, 16, "row of Test::Row (0+8 bytes) not supported"},
+      {{rowType, 8, 65529}, 16, 16, "row of Test::Row (8+65529 bytes) not supported"},
+      {{rowType, 8, 8}, 24, 16, "ring capacity must be a power of two up to 16777216"},
+      {{rowType, 8, 8}, 1u << 25, 16, "ring capacity must be a power of two up to 16777216"},
+      {{rowType, 8, 8}, 16, 8, "maximum capacity must be a power of two from 16 to 268435456"},
+      {{rowType, 8, 8}, 16, 24, "maximum capacity must be a power of two from 16 to 268435456"},
+      {{rowType, 8, 8}, 16, 1u << 29, "maximum capacity must be a power of two from 16 to 268435456"},
+   };
+   for (auto const & b : bad) {
+      EXPECT_EQ(errorOf([&] { Smash::TableWriter(path, b.shape, 16, b.ring, b.max); }), b.error);
+   }
+   EXPECT_NE(::stat(ctl.c_str(), &st), 0);
    { W w(path, rowType); }
    // A writer of another shape is refused, and gives the lock back.
    EXPECT_EQ(writerError(path, {"Test::Other", 8, 8}), "table test/fail holds Test::Row, not Test::Other (8+8 bytes)");

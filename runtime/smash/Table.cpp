@@ -466,7 +466,9 @@ TableWriter::TableWriter(std::string path, TableShape shape, uint32_t initialCap
    if (shape_.keyBytes == 0 || shape_.keyBytes + uint64_t(shape_.valueBytes) > maxRowBytes) {
       throw Error("row of " + shapeText(shape_) + " not supported");
    }
-   if (!powerOfTwo(ringCapacity_) || ringCapacity_ > maxRing) throw Error("ring capacity must be a power of two");
+   if (!powerOfTwo(ringCapacity_) || ringCapacity_ > maxRing) {
+      throw Error("ring capacity must be a power of two up to " + std::to_string(maxRing));
+   }
    if (!powerOfTwo(maxCapacity_) || maxCapacity_ < 16 || maxCapacity_ > maxCapacityLimit) {
       throw Error("maximum capacity must be a power of two from 16 to " + std::to_string(maxCapacityLimit));
    }
