@@ -267,6 +267,9 @@ TEST(SmashTable, AShadowsConsumerEndsWithExactlyTheTableThroughOverflowsAndCrash
          follow(s, mine, look);
          w.put(row(7, 7));
          follow(s, mine, look);
+         w.put(row(7, 8));  // a new value of a row is told as well
+         follow(s, mine, look);
+         EXPECT_EQ(mine[7], 8u);
          w.remove(1);
          w.remove(7);
          overflow();
@@ -523,6 +526,10 @@ TEST(SmashTable, AFailedWriterGivesBackEverythingAndBoundsEnd) {
    EXPECT_EQ(writerError(path), "");
    W w(path, rowType, 16, 16, 16);
    EXPECT_EQ(writerError(path), "table test/fail already has a writer");
+   // A table grows to keep its rows at most a quarter of its slots.
+   W grows(shm.table("test/grow"), rowType, 16);
+   for (uint64_t k = 0; k < 9; ++k) grows.put(row(k, k));
+   EXPECT_EQ(grows.engine().capacity(), 64u);
    // A table of at most 16 slots holds 8 rows.
    for (uint64_t k = 0; k < 8; ++k) w.put(row(k, k));
    EXPECT_EQ(errorOf([&] { w.put(row(8, 8)); }), "table test/fail is full: 8 rows, at most 8");
@@ -538,6 +545,8 @@ TEST(SmashTable, AFailedWriterGivesBackEverythingAndBoundsEnd) {
    reinterpret_cast<uint32_t *>(mapped(wrap, "ctl", 96))[5] = 0xffffffff;
    ::rename(("/dev/shm" + Smash::objectName(wrap, "g1")).c_str(),
             ("/dev/shm" + Smash::objectName(wrap, "g4294967295")).c_str());
+   // One whose bound is below the rows it would take over is refused.
+   EXPECT_EQ(errorOf([&] { W(wrap, rowType, 16, 16, 128); }), "table test/wrap is full: 120 rows, at most 64");
    {
       W next(wrap, rowType, 16);
       EXPECT_EQ(next.engine().generation(), 1u);

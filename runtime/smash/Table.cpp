@@ -639,12 +639,6 @@ bool TableWriter::remove(void const * key, bool announce) {
    return true;
 }
 
-void TableWriter::clear() {
-   std::vector<std::string> keys;
-   forEach([&](void const * k, void const *) { keys.emplace_back(static_cast<char const *>(k), shape_.keyBytes); });
-   for (auto const & k : keys) remove(k.data());
-}
-
 Found TableWriter::find(void const * key, void * value) const {
    uint64_t freeSlot;
    auto [i, found] = probe(*gen_, key, &freeSlot);

@@ -171,7 +171,6 @@ class TableWriter {
    bool remove(void const * key, bool announce = true);
    // Tells shadows that the row of `key` changed (or went).
    void announce(void const * key) { publish(key); }
-   void clear();
    Found find(void const * key, void * value) const;
    // Every live row, in slot order.
    void forEach(std::function<void(void const * key, void const * value)> const & fn) const;
@@ -309,7 +308,6 @@ class Writer {
          : w_(std::move(path), TypedShape<Key, Row>::make(std::move(rowType)), capacity, ring, maxCapacity) {}
    void put(Row const & r) { w_.put(&r.key, &r); }
    bool remove(Key const & k) { return w_.remove(&k); }
-   void clear() { w_.clear(); }
    Found find(Key const & k, Row * r) const { return w_.find(&k, r); }
    uint32_t size() const { return w_.size(); }
    TableWriter & engine() { return w_; }
