@@ -578,6 +578,8 @@ TEST(SmashTable, AReaderFollowsATableRemovedAndMadeAgain) {
    Row got;
    auto value = [&](uint64_t k) { return r.find(k, &got, &hint) == Smash::Found::row ? got.value : 0; };
    EXPECT_EQ(value(1), 100u);
+   w->put(row(2, 300));
+   EXPECT_EQ(value(2), 300u) << "the hint of another key's look-up was used";
    // In a process started without stdin, the reader's first object is
    // opened on descriptor 0, which is a descriptor like any other.
    EXPECT_EQ(exitCode(spawn([&] {

@@ -480,7 +480,8 @@ TableWriter::TableWriter(std::string path, TableShape shape, uint32_t initialCap
    ctlFd_ = f.fd;
    bool locked = false;
    // Whatever fails below gives back what was taken: the lock, the mapping,
-   // and a control object this constructor made.
+   // and a control object this constructor made. (The constructor then
+   // throws, so the writer's fields are never used again.)
    struct Undo {
       TableWriter * w;
       std::string const & ctlName;
@@ -491,10 +492,8 @@ TableWriter::TableWriter(std::string path, TableShape shape, uint32_t initialCap
          if (done) return;
          w->gen_.reset();
          if (w->ctl_) ::munmap(w->ctl_, sizeof(CtlHeader));
-         w->ctl_ = nullptr;
          if (created && locked) removeObject(ctlName);
          ::close(w->ctlFd_);
-         w->ctlFd_ = -1;
       }
    } undo{this, ctlName, f.created, locked};
    if (::flock(ctlFd_, LOCK_EX | LOCK_NB) != 0) throw Error("table " + path_ + " already has a writer");
