@@ -379,8 +379,14 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    EXPECT_GT(::recv(c, request, sizeof request, 0), 0);
    ::close(c);
    asker.join();
-   ::close(l);
    EXPECT_EQ(muteError, "the server at " + mute + " went away");
+   // One that stays silent is waited for as long as the caller said.
+   std::thread waiter([&] { Kel::NboAttrLog::listServed(mute, Kel::String8(""), 1, &muteError, nullptr, 50); });
+   c = ::accept(l, nullptr, nullptr);
+   waiter.join();
+   ::close(c);
+   ::close(l);
+   EXPECT_EQ(muteError, "no answer from " + mute + " in 50 ms");
 
    // Answers as they arrive: a part waits for the rest, a bad one is refused.
    std::string answer("\0\0\0\x16\x0c\0\0\0\x01\0\0\0\0\0\0\0\x08Kel::Dir\x01", 26);
@@ -392,6 +398,7 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       size_t frameBytes = Kel::NboAttrLog::ConnectionLimits().frameBytes;
    } const cases[] = {
       {answer, true, "", 1},
+      {answer.substr(0, 4), false, "", 0},  // a length, and no type yet
       {answer.substr(0, 20), false, "", 0},
       {answer.substr(0, 25), false, "", 0},  // all but its last byte
       {std::string("\0\0\0\x05\x0c\0\0\0\x02", 9), true, "malformed answer: truncated message", 0},

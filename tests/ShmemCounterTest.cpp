@@ -17,6 +17,7 @@
 #include <chrono>
 #include <random>
 #include <set>
+#include <filesystem>
 #include <thread>
 
 namespace {
@@ -145,4 +146,17 @@ TEST(ShmemMan, ManyCellsFitAndEveryProcessFindsTheSameOnes) {
    EXPECT_EQ(IntfTest::exitCode(pid), 0);
    // A key of the longest length gets a cell; one byte more gets none.
    for (size_t n : {48, 49}) EXPECT_EQ(w.counterAddr(Kel::String8(std::string(n, 'k')), 208, false) != 0, n == 48) << n;
+   // Removing the manager leaves none of its objects: index and segments.
+   auto objects = [&] {
+      std::string head = Smash::objectName(m.path, "").substr(1);
+      head.pop_back();  // the separator of a part's name
+      int n = 0;
+      for (auto const & e : std::filesystem::directory_iterator("/dev/shm")) {
+         n += e.path().filename().string().rfind(head, 0) == 0;
+      }
+      return n;
+   };
+   EXPECT_GE(objects(), 5);
+   Mavo::ShmemMan::remove(m.path);
+   EXPECT_EQ(objects(), 0);
 }
