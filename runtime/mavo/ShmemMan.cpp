@@ -49,7 +49,6 @@ void ShmemMan::remove(std::string const & path) {
    }
 }
 
-
 uint8_t * ShmemMan::segment(uint32_t n, bool create) {
    if (n < segments_.size() && segments_[n]) return segments_[n]->base;
    std::string name = Smash::objectName(path_, "seg" + std::to_string(n));
@@ -57,12 +56,10 @@ uint8_t * ShmemMan::segment(uint32_t n, bool create) {
    // A writer makes its segments, or takes over its own; a reader takes
    // only a segment it can trust, and never one smaller than its cells.
    Smash::ShmFile f = create ? Smash::createObject(name, bytes, true) : Smash::openForReading(name);
-   if (!f || f.size < bytes) {
-      if (f) ::close(f.fd);
-      return nullptr;
-   }
-   void * p = ::mmap(nullptr, bytes, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, f.fd, 0);
-   ::close(f.fd);
+   void * p = f && f.size >= bytes
+                  ? ::mmap(nullptr, bytes, create ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, f.fd, 0)
+                  : MAP_FAILED;
+   if (f) ::close(f.fd);
    if (p == MAP_FAILED) return nullptr;
    if (segments_.size() <= n) segments_.resize(n + 1);
    segments_[n] = std::make_unique<Segment>();
