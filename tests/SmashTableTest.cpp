@@ -580,6 +580,10 @@ TEST(SmashTable, AReaderFollowsATableRemovedAndMadeAgain) {
    EXPECT_EQ(value(1), 100u);
    w->put(row(2, 300));
    EXPECT_EQ(value(2), 300u) << "the hint of another key's look-up was used";
+   // Refreshed while its table is still there, a reader keeps its mapping
+   // and the hints into it.
+   EXPECT_TRUE(r.engine().refresh());
+   EXPECT_TRUE(hint.keep->current);
    // In a process started without stdin, the reader's first object is
    // opened on descriptor 0, which is a descriptor like any other.
    EXPECT_EQ(exitCode(spawn([&] {
@@ -617,6 +621,15 @@ TEST(SmashTable, EachPathHasObjectsOfItsOwnOrNone) {
    std::set<std::string> names;
    for (auto const & p : paths) names.insert(Smash::objectName(p, "ctl"));
    EXPECT_EQ(names.size(), paths.size());
+   // Names an operator can read: '/' becomes '.', and '.', '%' and control
+   // characters their hexadecimal code; a path from '/' carries its own prefix.
+   std::string prefix = Smash::shmPrefix();
+   for (auto [path, name] : {std::pair<std::string, std::string>{"x/Ethernet1.1", prefix + "x.Ethernet1%2E1.ctl"},
+                             {"x/50%", prefix + "x.50%25.ctl"},
+                             {std::string("x/a\0b\x7f", 6), prefix + "x.a%00b%7F.ctl"},
+                             {"/other-x/y", "/other-x.y.ctl"}}) {
+      EXPECT_EQ(Smash::objectName(path, "ctl"), name);
+   }
    // A name too long is refused, not shortened.
    std::string longPath(300, 'p');
    EXPECT_EQ(writerError(longPath), "shared-memory name for " + longPath + " is " +
