@@ -593,6 +593,14 @@ TEST(SmashTable, AReaderFollowsATableRemovedAndMadeAgain) {
                 return fresh.find(1, &r0) == Smash::Found::row && r0.value == 100 ? 0 : 1;
              })),
              0);
+   // So is a writer's, which gives its lock back when it goes.
+   std::string second = shm.table("test/again-fd0");
+   EXPECT_EQ(exitCode(spawn([&] {
+                ::close(0);
+                { W first(second, rowType); }
+                return writerError(second).empty() ? 0 : 1;
+             })),
+             0);
    for (bool byHand : {false, true}) {
       SCOPED_TRACE(byHand ? "deleted by hand" : "removed");
       w.reset();
