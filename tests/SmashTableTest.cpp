@@ -432,6 +432,12 @@ TEST(SmashTable, ObjectsThatCannotBeTrustedOrDoNotMatchAreRefusedWithTheReason) 
            mapped(path, "ctl", 96)[8] = 2;  // the version
         },
         "table test/trust: control object of another format", "table test/trust: control object of another format"},
+       {"an empty control object (its writer died making it): a writer starts afresh",
+        [&] {
+           table(0644);
+           (void)!::truncate(file.c_str(), 0);
+        },
+        "table test/trust: control object too small", ""},
        {"a control object naming no generation (its writer died before making one)",
         [&] {
            table(0644);
@@ -466,6 +472,7 @@ TEST(SmashTable, ObjectsThatCannotBeTrustedOrDoNotMatchAreRefusedWithTheReason) 
                    std::string err = writerError(path);
                    if (r.valid() == c.reader.empty() && (r.valid() || r.error() == c.reader) && err == c.writer) return 0;
                    std::printf("reader: %s\nwriter: %s\n", r.error().c_str(), err.c_str());
+                   std::fflush(stdout);
                    return 1;
                 }),
                 0);
