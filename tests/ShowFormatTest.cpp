@@ -209,4 +209,9 @@ TEST(ShowFormat, AnInterfaceIsFoundByItsNameAShortFormOrItsDevice) {
    std::string why;
    EXPECT_EQ(findInterface(r, "bogus\x1b", &why), -1);
    EXPECT_EQ(why, "no interface or device named \"bogus\\x1b\"");
+   // In two namespaces, neither of them the default: which one is meant must be said.
+   r[2].device = r[3].device = "tap1";
+   r[3].netNs = "red";
+   EXPECT_EQ(findInterface(r, "tap1", &why), -1);
+   EXPECT_EQ(why, "device tap1 is in several namespaces: name one as NAMESPACE/tap1");
 }
