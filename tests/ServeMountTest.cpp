@@ -365,13 +365,18 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
 
    // A server that takes the request and closes without an answer has gone
    // away, which is said as such rather than waited out as silence.
+   // A server of the test's own making, listening at an abstract "@name".
+   auto listenAt = [](std::string const & at) {
+      int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+      sockaddr_un a{};
+      a.sun_family = AF_UNIX;
+      std::memcpy(a.sun_path + 1, at.data() + 1, at.size() - 1);
+      EXPECT_EQ(::bind(l, reinterpret_cast<sockaddr *>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + at.size())), 0);
+      EXPECT_EQ(::listen(l, 1), 0);
+      return l;
+   };
    std::string mute = name + "-mute";
-   int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   sockaddr_un a{};
-   a.sun_family = AF_UNIX;
-   std::memcpy(a.sun_path + 1, mute.data() + 1, mute.size() - 1);
-   ASSERT_EQ(::bind(l, reinterpret_cast<sockaddr *>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + mute.size())), 0);
-   ASSERT_EQ(::listen(l, 1), 0);
+   int l = listenAt(mute);
    Kel::String8 muteError;
    std::thread asker([&] { Kel::NboAttrLog::listServed(mute, Kel::String8(""), 1, &muteError); });
    int c = ::accept(l, nullptr, nullptr);
@@ -420,4 +425,22 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
       EXPECT_EQ(entries.size(), c.entries) << c.error;
       EXPECT_EQ(cut, c.entries == 1) << c.error;
    }
+
+   // An answer that arrives a byte at a time is read whole.
+   std::string drip = name + "-drip";
+   l = listenAt(drip);
+   Kel::String8 dripError;
+   std::vector<Kel::NboAttrLog::ServedEntry> dripped;
+   std::thread reader([&] { dripped = Kel::NboAttrLog::listServed(drip, Kel::String8(""), 1, &dripError); });
+   c = ::accept(l, nullptr, nullptr);
+   EXPECT_GT(::recv(c, request, sizeof request, 0), 0);
+   for (char b : answer) {
+      EXPECT_EQ(::send(c, &b, 1, MSG_NOSIGNAL), 1);
+      std::this_thread::sleep_for(1ms);
+   }
+   reader.join();
+   ::close(c);
+   ::close(l);
+   EXPECT_EQ(dripError, "");
+   EXPECT_EQ(dripped.size(), 1u);
 }
