@@ -18,6 +18,7 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,6 +36,15 @@ namespace IntfTest {
 inline void dieWithParent(pid_t parent) {
    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
    if (::getppid() != parent) ::_exit(125);  // it died before the line above
+}
+
+// The address of the abstract socket `name` (given without its leading NUL).
+inline sockaddr_un abstractAddress(std::string const & name, socklen_t * len) {
+   sockaddr_un a{};
+   a.sun_family = AF_UNIX;
+   std::memcpy(a.sun_path + 1, name.data(), name.size());
+   *len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+   return a;
 }
 
 // fork(), with the child dying with its parent.

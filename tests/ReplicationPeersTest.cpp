@@ -628,19 +628,11 @@ TEST(ReplicationPeers, SendingToAPipeWhoseReaderIsGoneNeverRaisesSigpipe) {
 
 namespace {
 
-sockaddr_un abstractAddress(std::string const & name, socklen_t * len) {
-   sockaddr_un a{};
-   a.sun_family = AF_UNIX;
-   std::memcpy(a.sun_path + 1, name.data(), name.size());
-   *len = socklen_t(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-   return a;
-}
-
 // A connection to the server at `name` (abstract) that sends `bytes` and
 // then nothing; -1 when the connection was refused.
 int idlePeer(std::string const & name, std::string const & bytes = {}) {
    socklen_t len;
-   sockaddr_un a = abstractAddress(name, &len);
+   sockaddr_un a = IntfTest::abstractAddress(name, &len);
    int s = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
    if (::connect(s, reinterpret_cast<sockaddr *>(&a), len) != 0) {
       ::close(s);
@@ -760,7 +752,7 @@ TEST(ReplicationPeers, AFullServerLetsANewPeerInPlaceOfTheOldestIdleOneAndRefuse
 TEST(ReplicationPeers, AClientDoesNotWaitOnAServerThatAcceptsNobody) {
    std::string name = "intf-peers-deaf-" + std::to_string(::getpid());
    socklen_t len;
-   sockaddr_un a = abstractAddress(name, &len);
+   sockaddr_un a = IntfTest::abstractAddress(name, &len);
    Fds held;
    int listener = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
    held.fd.push_back(listener);

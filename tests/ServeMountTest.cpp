@@ -368,10 +368,9 @@ TEST(ServeMount, AClientListsThePathsAndTypesAServerServes) {
    // A server of the test's own making, listening at an abstract "@name".
    auto listenAt = [](std::string const & at) {
       int l = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_un a{};
-      a.sun_family = AF_UNIX;
-      std::memcpy(a.sun_path + 1, at.data() + 1, at.size() - 1);
-      EXPECT_EQ(::bind(l, reinterpret_cast<sockaddr *>(&a), socklen_t(offsetof(sockaddr_un, sun_path) + at.size())), 0);
+      socklen_t len;
+      sockaddr_un a = IntfTest::abstractAddress(at.substr(1), &len);
+      EXPECT_EQ(::bind(l, reinterpret_cast<sockaddr *>(&a), len), 0);
       EXPECT_EQ(::listen(l, 1), 0);
       return l;
    };

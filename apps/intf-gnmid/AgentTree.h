@@ -66,8 +66,9 @@ Clears snapshotDir(Kel::Ptr<Kel::Entity> const & agentRoot);
 // holds no carrier transition count (its count of oper changes starts
 // again with the agent, which a counter must not); last-clear only of an
 // interface that was cleared.
-constexpr LeafSet givenCounters = counterLeaves & ~(bit(Leaf::inUnicastPkts) | bit(Leaf::inBroadcastPkts) | bit(Leaf::outUnicastPkts) |
-                                                   bit(Leaf::outBroadcastPkts) | bit(Leaf::outMulticastPkts) |
+constexpr LeafSet givenCounters = counterLeaves & ~(bit(Leaf::inUnicastPkts) | bit(Leaf::inBroadcastPkts) |
+                                                   bit(Leaf::outUnicastPkts) | bit(Leaf::outBroadcastPkts) |
+                                                   bit(Leaf::outMulticastPkts) |
                                                    bit(Leaf::carrierTransitions) | bit(Leaf::lastClear));
 
 // What to add to a time on the agents' monotonic clock (the counter rows'
